@@ -1,0 +1,75 @@
+#!/usr/bin/env bash
+# One entry point for building libkemo on Debian 12, as root:
+#   ./build.sh demo    install what is needed, build, and tour the library
+#                      on a sandboxed factory appliance
+#   ./build.sh test    install what is needed, build, and run the whole test
+#                      suite, once plainly and once under ASan+UBSan
+#   ./build.sh bench   install, build (Release) and run the benchmarks
+#   ./build.sh deps    only install the packages
+set -euo pipefail
+cd "$(dirname "$0")"
+top=$PWD
+jobs=$(nproc 2>/dev/null || echo 2)
+
+packages=(
+    g++ cmake make pkg-config
+    libicu-dev libnet1-dev libcrypt-dev nettle-dev
+    libgtest-dev libgmock-dev libbenchmark-dev
+)
+
+need_root() {
+    if [ "$(id -u)" -ne 0 ]; then
+        echo "build.sh: run as root (installing packages and the appliance sandbox need it)" >&2
+        exit 1
+    fi
+}
+
+deps() {
+    need_root
+    local missing=()
+    for p in "${packages[@]}"; do
+        dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
+    done
+    if [ ${#missing[@]} -gt 0 ]; then
+        echo "== installing: ${missing[*]}"
+        export DEBIAN_FRONTEND=noninteractive
+        apt-get update -qq
+        apt-get install -y -qq --no-install-recommends "${missing[@]}"
+    fi
+}
+
+build() { # build DIR [cmake options...]
+    local dir=$1
+    shift
+    cmake -S "$top" -B "$dir" "$@" >/dev/null
+    cmake --build "$dir" -j"$jobs"
+}
+
+case "${1:-}" in
+deps)
+    deps
+    ;;
+demo)
+    deps
+    build build -DKEMO_BUILD_BENCH=OFF
+    exec build/tools/sandbox/kemo-sandbox -- env PATH="$top/build/tools:$PATH" sh "$top/tools/tour.sh"
+    ;;
+test)
+    deps
+    build build
+    (cd build && ctest -j"$jobs" --output-on-failure)
+    build build-asan -DKEMO_SANITIZE=ON -DKEMO_BUILD_BENCH=OFF
+    (cd build-asan && ctest -j"$jobs" --output-on-failure)
+    ;;
+bench)
+    deps
+    build build-release -DCMAKE_BUILD_TYPE=Release -DKEMO_BUILD_TESTS=OFF
+    for b in build-release/bench/bench_*; do
+        [ -x "$b" ] && build-release/tools/sandbox/kemo-sandbox -- "$b"
+    done
+    ;;
+*)
+    sed -n '2,9p' "$0" | sed 's/^# \{0,1\}//'
+    exit 2
+    ;;
+esac

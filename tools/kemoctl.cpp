@@ -1,0 +1,276 @@
+// kemoctl - the appliance's command-line tool over libkemo.
+//
+//   kemoctl version                       library version
+//   kemoctl errors                        the error table: index, code, name
+//   kemoctl error CODE                    the name of one code (0x2000, 8192)
+//   kemoctl list [--sort byte|case] [--find TEXT] ITEM...
+//   kemoctl setop or|and|sub [--sort byte|case] A1,A2,... B1,B2,...
+//   kemoctl hash [--get KEY] [--remove KEY] KEY=VALUE...
+//
+// Exit status: 0 on success, 1 when the library reports a failure (its error
+// name is printed on standard error), 2 on a usage error.
+#include "kemo.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace {
+
+using Args = std::vector<std::string_view>;
+
+struct ListDeleter {
+    void operator()(KLIBSZLIST *l) const { KLIBSzListFree(l); }
+};
+struct HashDeleter {
+    void operator()(KLIBSZHASH *h) const { KLIBSzHashFree(h); }
+};
+using ListPtr = std::unique_ptr<KLIBSZLIST, ListDeleter>;
+using HashPtr = std::unique_ptr<KLIBSZHASH, HashDeleter>;
+
+const char *error_name(int code)
+{
+    if (code >= 0 && (code & 0xFF) == 0 && (code >> 8) < KEMO_ERR_TABLE_SIZE && rgszErrMsg[code >> 8])
+        return rgszErrMsg[code >> 8];
+    return "(no name)";
+}
+
+int library_failure(std::string_view what)
+{
+    const int code = KLIBErrGet();
+    std::fprintf(stderr, "kemoctl: %.*s failed: %s (0x%X)\n", static_cast<int>(what.size()), what.data(),
+                 error_name(code), static_cast<unsigned>(code));
+    return 1;
+}
+
+int usage_error(std::string_view message)
+{
+    std::fprintf(stderr, "kemoctl: %.*s (try 'kemoctl help')\n", static_cast<int>(message.size()),
+                 message.data());
+    return 2;
+}
+
+std::optional<int> parse_sort(std::string_view s)
+{
+    if (s == "none")
+        return KLIB_SZLIST_UNSORTED;
+    if (s == "byte")
+        return KLIB_SZLIST_SORTED;
+    if (s == "case")
+        return KLIB_SZLIST_CASESORT;
+    return std::nullopt;
+}
+
+void print_list(const KLIBSZLIST *list)
+{
+    for (int i = 0; i < list->nItem; ++i)
+        std::printf("  [%d] %s\n", i, list->pszItem[i]);
+    std::printf("  (%d items, mode %d, %d of %d bytes free)\n", list->nItem, list->fMode, list->nFree,
+                list->nSize);
+}
+
+// Builds a list of the given mode from items; null on failure.
+ListPtr make_list(int mode, const std::vector<std::string> &items)
+{
+    ListPtr list(PslKLIBSzListAlloc(0));
+    if (!list || KLIBSzListSortItems(list.get(), mode) != 0)
+        return nullptr;
+    for (const auto &item : items) {
+        PKLIBSZLIST raw = list.release();
+        const int at = KLIBSzListPush(&raw, item.c_str());
+        list.reset(raw);
+        if (at < 0)
+            return nullptr;
+    }
+    return list;
+}
+
+std::vector<std::string> split_commas(std::string_view text)
+{
+    std::vector<std::string> out;
+    while (!text.empty()) {
+        const auto comma = text.find(',');
+        out.emplace_back(text.substr(0, comma));
+        if (comma == std::string_view::npos)
+            break;
+        text.remove_prefix(comma + 1);
+    }
+    return out;
+}
+
+int cmd_version(const Args &)
+{
+    std::printf("libkemo %s\n", SzKEMOLibVersion());
+    return 0;
+}
+
+int cmd_errors(const Args &)
+{
+    for (int i = 0; i < KEMO_ERR_TABLE_SIZE; ++i)
+        if (rgszErrMsg[i] != nullptr)
+            std::printf("%3d  0x%04X  %s\n", i, static_cast<unsigned>(KEMO_ERR_CODE(i)), rgszErrMsg[i]);
+    return 0;
+}
+
+int cmd_error(const Args &args)
+{
+    if (args.size() != 1)
+        return usage_error("error needs one CODE");
+    char *end = nullptr;
+    const std::string text(args[0]);
+    errno = 0;
+    const long code = std::strtol(text.c_str(), &end, 0);
+    if (errno != 0 || end == text.c_str() || *end != '\0')
+        return usage_error("CODE must be a number");
+    std::printf("0x%lX  %s\n", code, error_name(static_cast<int>(code)));
+    return 0;
+}
+
+int cmd_list(const Args &args)
+{
+    int mode = KLIB_SZLIST_UNSORTED;
+    std::optional<std::string> find;
+    std::vector<std::string> items;
+    for (std::size_t i = 0; i < args.size(); ++i) {
+        if (args[i] == "--sort" && i + 1 < args.size()) {
+            const auto m = parse_sort(args[++i]);
+            if (!m)
+                return usage_error("--sort takes none, byte or case");
+            mode = *m;
+        } else if (args[i] == "--find" && i + 1 < args.size()) {
+            find = std::string(args[++i]);
+        } else {
+            items.emplace_back(args[i]);
+        }
+    }
+    ListPtr list = make_list(mode, items);
+    if (!list)
+        return library_failure("building the list");
+    print_list(list.get());
+    if (find) {
+        const int at = mode == KLIB_SZLIST_CASESORT ? KLIBSzListCaseFind(list.get(), find->c_str())
+                                                    : KLIBSzListFind(list.get(), find->c_str());
+        if (at < 0)
+            std::printf("  \"%s\" not found\n", find->c_str());
+        else
+            std::printf("  \"%s\" found at [%d]\n", find->c_str(), at);
+    }
+    return 0;
+}
+
+int cmd_setop(const Args &args)
+{
+    int mode = KLIB_SZLIST_UNSORTED;
+    std::vector<std::string_view> rest;
+    for (std::size_t i = 0; i < args.size(); ++i) {
+        if (args[i] == "--sort" && i + 1 < args.size()) {
+            const auto m = parse_sort(args[++i]);
+            if (!m)
+                return usage_error("--sort takes none, byte or case");
+            mode = *m;
+        } else {
+            rest.push_back(args[i]);
+        }
+    }
+    if (rest.size() != 3)
+        return usage_error("setop needs or|and|sub and two comma-separated lists");
+    using Op = PKLIBSZLIST (*)(PKLIBSZLIST *, PKLIBSZLIST, int);
+    Op op = rest[0] == "or" ? PslKLIBSzListOr : rest[0] == "and" ? PslKLIBSzListAnd
+                            : rest[0] == "sub" ? PslKLIBSzListSub : nullptr;
+    if (op == nullptr)
+        return usage_error("setop takes or, and or sub");
+    ListPtr a = make_list(mode, split_commas(rest[1]));
+    ListPtr b = make_list(mode, split_commas(rest[2]));
+    if (!a || !b)
+        return library_failure("building the lists");
+    PKLIBSZLIST raw_a = a.get();
+    ListPtr result(op(&raw_a, b.get(), KLIB_SZLIST_NEWLIST));
+    if (!result)
+        return library_failure("the set operation");
+    print_list(result.get());
+    return 0;
+}
+
+int cmd_hash(const Args &args)
+{
+    HashPtr hash(PshKLIBSzHashAlloc(0));
+    if (!hash)
+        return library_failure("allocating the hash");
+    std::vector<std::string> gets, removes;
+    for (std::size_t i = 0; i < args.size(); ++i) {
+        if (args[i] == "--get" && i + 1 < args.size()) {
+            gets.emplace_back(args[++i]);
+        } else if (args[i] == "--remove" && i + 1 < args.size()) {
+            removes.emplace_back(args[++i]);
+        } else {
+            const auto eq = args[i].find('=');
+            if (eq == std::string_view::npos)
+                return usage_error("hash items are KEY=VALUE");
+            const std::string key(args[i].substr(0, eq));
+            const std::string value(args[i].substr(eq + 1));
+            PKLIBSZHASH raw = hash.release();
+            const int slot = KLIBSzHashSetValue(&raw, key.c_str(), value.c_str());
+            hash.reset(raw);
+            if (slot < 0)
+                return library_failure("setting " + key);
+        }
+    }
+    for (const auto &key : removes) {
+        const char *old = SzKLIBSzHashRemoveKey(hash.get(), key.c_str());
+        std::printf("removed %s%s%s\n", key.c_str(), old ? " = " : " (absent)", old ? old : "");
+    }
+    for (const auto &key : gets) {
+        const char *value = SzKLIBSzHashGetValue(hash.get(), key.c_str());
+        std::printf("%s %s%s\n", key.c_str(), value ? "= " : "is absent", value ? value : "");
+    }
+    std::printf("%d pairs in %d slots, %d of %d pool bytes free:\n", KLIBSzHashPairNum(hash.get()),
+                hash->nSlot, hash->nPoolFree, hash->nPoolSize);
+    if (ErrKLIBIFileHash2File(stdout, nullptr, hash.get(), "  %s = %s\n") != 0)
+        return library_failure("writing the hash");
+    return 0;
+}
+
+int cmd_help(const Args &);
+
+struct Command {
+    std::string_view name;
+    std::string_view usage;
+    int (*run)(const Args &);
+};
+
+constexpr Command kCommands[] = {
+    {"version", "version", cmd_version},
+    {"errors", "errors", cmd_errors},
+    {"error", "error CODE", cmd_error},
+    {"list", "list [--sort none|byte|case] [--find TEXT] ITEM...", cmd_list},
+    {"setop", "setop or|and|sub [--sort none|byte|case] A1,A2,... B1,B2,...", cmd_setop},
+    {"hash", "hash [--get KEY]... [--remove KEY]... KEY=VALUE...", cmd_hash},
+    {"help", "help", cmd_help},
+};
+
+int cmd_help(const Args &)
+{
+    std::printf("usage: kemoctl COMMAND [ARG...]\n");
+    for (const auto &c : kCommands)
+        std::printf("  kemoctl %.*s\n", static_cast<int>(c.usage.size()), c.usage.data());
+    return 0;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    if (argc < 2)
+        return cmd_help({}), 2;
+    const std::string_view name = argv[1];
+    const Args args(argv + 2, argv + argc);
+    for (const auto &c : kCommands)
+        if (c.name == name)
+            return c.run(args);
+    return usage_error("unknown command '" + std::string(name) + "'");
+}

@@ -1,0 +1,31 @@
+#!/bin/sh
+# A short tour of libkemo through kemoctl, meant to run on a fresh factory
+# appliance (inside kemo-sandbox): every step prints the command it runs.
+set -e
+step() {
+    printf '\n$ %s\n' "$*"
+    "$@"
+}
+
+echo "== The library"
+step kemoctl version
+step kemoctl error 0x2000
+echo "(the first error names of $(kemoctl errors | wc -l) in the table:)"
+kemoctl errors | head -n 8
+
+echo
+echo "== String lists: unsorted with a gap, byte order, and case-insensitive order"
+step kemoctl list backup media Public
+step kemoctl list --sort byte --find Public media backup Public
+step kemoctl list --sort case --find PUBLIC media backup Public Straße
+step kemoctl setop or --sort case admin,guest,Alice ALICE,bob
+step kemoctl setop sub admin,guest,alice guest
+
+echo
+echo "== String hashes: set, replace, remove, look up"
+step kemoctl hash hostname=kemo-nas workgroup=WORKGROUP hostname=nas2 --remove workgroup --get hostname
+
+echo
+echo "== The factory appliance this tour runs on"
+step head -n 3 /etc/passwd
+step ls -l /etc/shadow /usr/kemo/etc/smb.conf
