@@ -9,7 +9,7 @@ trap 'rm -rf "$tmp"' EXIT
 
 # Declarations span lines; join each one up to its ';' and take the name
 # before '(' (functions) or before '[' / ';' (globals).
-tr '\n' ' ' <"$header" | tr ';' '\n' | grep 'KEMO_API' | grep -v '#define' |
+grep -v '^[[:space:]]*#' "$header" | tr '\n' ' ' | tr ';' '\n' | grep 'KEMO_API' |
     sed -E 's/.*KEMO_API//; s/\(.*//; s/\[.*//; s/[*]/ /g' |
     awk '{print $NF}' | sort -u >"$tmp/declared"
 

@@ -53,9 +53,11 @@ TEST(ErrorTable, EveryCodeIsNamedByItsOwnIdentifierAndOtherSlotsAreReserved)
         EXPECT_STREQ(rgszErrMsg[index], c.name);
         named[index] = true;
     }
-    for (int i = 0; i < KEMO_ERR_TABLE_SIZE; ++i)
-        if (!named[i])
+    for (int i = 0; i < KEMO_ERR_TABLE_SIZE; ++i) {
+        if (!named[i]) {
             EXPECT_EQ(rgszErrMsg[i], nullptr) << "slot " << i << " should be reserved";
+        }
+    }
     EXPECT_EQ(ERR_KEY_NOT_FOUND, 8192);
 }
 

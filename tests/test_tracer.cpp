@@ -53,10 +53,19 @@ protected:
             body();
             std::exit(0);
         }
+        // The log socket queues only a few datagrams: keep draining while
+        // the child reports, or it would block in syslog() for ever.
+        std::vector<std::string> out;
         int status = 0;
-        ::waitpid(pid, &status, 0);
+        while (::waitpid(pid, &status, WNOHANG) == 0) {
+            for (auto &m : logged())
+                out.push_back(std::move(m));
+            ::usleep(1000);
+        }
+        for (auto &m : logged())
+            out.push_back(std::move(m));
         EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-        return logged();
+        return out;
     }
 
     std::optional<SyslogCapture> log_;
