@@ -279,10 +279,11 @@ KEMO_API int KLIBSzListInsert(PKLIBSZLIST *plist, int index, const char *str);
 KEMO_API int KLIBSzListPush(PKLIBSZLIST *plist, const char *str);
 KEMO_API int KLIBSzListUnshift(PKLIBSZLIST *plist, const char *str);
 
-/* Replaces item index.  A longer string is stored in the pool without
- * growing the block: the caller keeps it within nFree.  Sorted lists are
- * re-sorted and the new position is returned; otherwise index.  -1 on bad
- * arguments. */
+/* Replaces item index.  A string no longer than the old one overwrites it
+ * in place; a longer one is stored in the pool without growing the block
+ * (-1 with ERR_NOT_ENOUGH_SPACE when nFree cannot hold it).  Sorted lists
+ * are re-sorted and the item's new position is returned; otherwise index.
+ * -1 with ERR_BAD_PARAMETERS on bad arguments. */
 KEMO_API int KLIBSzListSet(PKLIBSZLIST *plist, int index, const char *str);
 
 /* Item index, or NULL with ERR_BAD_PARAMETERS. */
@@ -385,9 +386,11 @@ KEMO_API int KLIBICopyHash(PKLIBSZHASH src, PKLIBSZHASH dst);
 KEMO_API void KLIBIHashDump(PKLIBSZHASH hash);
 
 /* Writes "[section]\n" (when section is not NULL) and every pair in slot
- * order with format ("%s=%s\n" when NULL; it must hold "%s", "=", "%s" and a
- * newline in that order).  0, or -1 with ERR_BAD_PARAMETERS or
- * ERR_WRITE_FAILED. */
+ * order with format ("%s=%s\n" when NULL).  The format holds exactly two
+ * "%s" (key, then value) with "=" between them and a newline after the
+ * second; "%%" is a literal "%"; anything else is refused with
+ * ERR_BAD_PARAMETERS before a byte is written.  0, or -1 with
+ * ERR_BAD_PARAMETERS or ERR_WRITE_FAILED. */
 KEMO_API int ErrKLIBIFileHash2File(FILE *stream, const char *section, PKLIBSZHASH hash,
                                    const char *format);
 

@@ -3,7 +3,7 @@
 //   kemoctl version                       library version
 //   kemoctl errors                        the error table: index, code, name
 //   kemoctl error CODE                    the name of one code (0x2000, 8192)
-//   kemoctl list [--sort byte|case] [--find TEXT] ITEM...
+//   kemoctl list [--sort none|byte|case] [--at INDEX TEXT]... [--find TEXT] ITEM...
 //   kemoctl setop or|and|sub [--sort byte|case] A1,A2,... B1,B2,...
 //   kemoctl hash [--get KEY] [--remove KEY] KEY=VALUE...
 //
@@ -11,9 +11,11 @@
 // name is printed on standard error), 2 on a usage error.
 #include "kemo.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <initializer_list>
 #include <memory>
 #include <optional>
 #include <string>
@@ -69,7 +71,7 @@ std::optional<int> parse_sort(std::string_view s)
 void print_list(const KLIBSZLIST *list)
 {
     for (int i = 0; i < list->nItem; ++i)
-        std::printf("  [%d] %s\n", i, list->pszItem[i]);
+        std::printf("  [%d] %s\n", i, list->pszItem[i] == list->pszEmpty ? "(gap)" : list->pszItem[i]);
     std::printf("  (%d items, mode %d, %d of %d bytes free)\n", list->nItem, list->fMode, list->nFree,
                 list->nSize);
 }
@@ -131,52 +133,94 @@ int cmd_error(const Args &args)
     return 0;
 }
 
-int cmd_list(const Args &args)
+// A command's arguments split into options ("--name" followed by a fixed
+// number of values, in the order given) and the remaining words.
+struct Parsed {
+    std::vector<std::pair<std::string_view, std::vector<std::string_view>>> options;
+    std::vector<std::string_view> words;
+    std::string error;
+};
+
+Parsed parse_args(const Args &args, std::initializer_list<std::pair<std::string_view, std::size_t>> known)
+{
+    Parsed p;
+    for (std::size_t i = 0; i < args.size(); ++i) {
+        const auto *spec = std::find_if(known.begin(), known.end(),
+                                        [&](const auto &k) { return k.first == args[i]; });
+        if (spec == known.end()) {
+            p.words.push_back(args[i]);
+            continue;
+        }
+        if (i + spec->second >= args.size()) {
+            p.error = std::string(spec->first) + " needs " + std::to_string(spec->second) + " value(s)";
+            return p;
+        }
+        p.options.emplace_back(spec->first, Args(args.begin() + i + 1, args.begin() + i + 1 + spec->second));
+        i += spec->second;
+    }
+    return p;
+}
+
+// The list mode chosen with --sort (unsorted without it); nullopt when the
+// value is not a mode.
+std::optional<int> sort_option(const Parsed &p)
 {
     int mode = KLIB_SZLIST_UNSORTED;
-    std::optional<std::string> find;
-    std::vector<std::string> items;
-    for (std::size_t i = 0; i < args.size(); ++i) {
-        if (args[i] == "--sort" && i + 1 < args.size()) {
-            const auto m = parse_sort(args[++i]);
+    for (const auto &[name, values] : p.options)
+        if (name == "--sort") {
+            const auto m = parse_sort(values[0]);
             if (!m)
-                return usage_error("--sort takes none, byte or case");
+                return std::nullopt;
             mode = *m;
-        } else if (args[i] == "--find" && i + 1 < args.size()) {
-            find = std::string(args[++i]);
-        } else {
-            items.emplace_back(args[i]);
         }
-    }
-    ListPtr list = make_list(mode, items);
+    return mode;
+}
+
+int cmd_list(const Args &args)
+{
+    const Parsed p = parse_args(args, {{"--sort", 1}, {"--find", 1}, {"--at", 2}});
+    if (!p.error.empty())
+        return usage_error(p.error);
+    const auto mode = sort_option(p);
+    if (!mode)
+        return usage_error("--sort takes none, byte or case");
+    ListPtr list = make_list(*mode, std::vector<std::string>(p.words.begin(), p.words.end()));
     if (!list)
         return library_failure("building the list");
-    print_list(list.get());
-    if (find) {
-        const int at = mode == KLIB_SZLIST_CASESORT ? KLIBSzListCaseFind(list.get(), find->c_str())
-                                                    : KLIBSzListFind(list.get(), find->c_str());
+    for (const auto &[name, values] : p.options) {
+        if (name != "--at")
+            continue;
+        const std::string text(values[1]);
+        PKLIBSZLIST raw = list.release();
+        const int at = KLIBSzListInsert(&raw, std::atoi(std::string(values[0]).c_str()), text.c_str());
+        list.reset(raw);
         if (at < 0)
-            std::printf("  \"%s\" not found\n", find->c_str());
+            return library_failure("inserting " + text);
+    }
+    print_list(list.get());
+    for (const auto &[name, values] : p.options) {
+        if (name != "--find")
+            continue;
+        const std::string find(values[0]);
+        const int at = *mode == KLIB_SZLIST_CASESORT ? KLIBSzListCaseFind(list.get(), find.c_str())
+                                                     : KLIBSzListFind(list.get(), find.c_str());
+        if (at < 0)
+            std::printf("  \"%s\" not found\n", find.c_str());
         else
-            std::printf("  \"%s\" found at [%d]\n", find->c_str(), at);
+            std::printf("  \"%s\" found at [%d]\n", find.c_str(), at);
     }
     return 0;
 }
 
 int cmd_setop(const Args &args)
 {
-    int mode = KLIB_SZLIST_UNSORTED;
-    std::vector<std::string_view> rest;
-    for (std::size_t i = 0; i < args.size(); ++i) {
-        if (args[i] == "--sort" && i + 1 < args.size()) {
-            const auto m = parse_sort(args[++i]);
-            if (!m)
-                return usage_error("--sort takes none, byte or case");
-            mode = *m;
-        } else {
-            rest.push_back(args[i]);
-        }
-    }
+    const Parsed p = parse_args(args, {{"--sort", 1}});
+    if (!p.error.empty())
+        return usage_error(p.error);
+    const auto mode = sort_option(p);
+    if (!mode)
+        return usage_error("--sort takes none, byte or case");
+    const auto &rest = p.words;
     if (rest.size() != 3)
         return usage_error("setop needs or|and|sub and two comma-separated lists");
     using Op = PKLIBSZLIST (*)(PKLIBSZLIST *, PKLIBSZLIST, int);
@@ -184,8 +228,8 @@ int cmd_setop(const Args &args)
                             : rest[0] == "sub" ? PslKLIBSzListSub : nullptr;
     if (op == nullptr)
         return usage_error("setop takes or, and or sub");
-    ListPtr a = make_list(mode, split_commas(rest[1]));
-    ListPtr b = make_list(mode, split_commas(rest[2]));
+    ListPtr a = make_list(*mode, split_commas(rest[1]));
+    ListPtr b = make_list(*mode, split_commas(rest[2]));
     if (!a || !b)
         return library_failure("building the lists");
     PKLIBSZLIST raw_a = a.get();
@@ -198,35 +242,33 @@ int cmd_setop(const Args &args)
 
 int cmd_hash(const Args &args)
 {
+    const Parsed p = parse_args(args, {{"--get", 1}, {"--remove", 1}});
+    if (!p.error.empty())
+        return usage_error(p.error);
     HashPtr hash(PshKLIBSzHashAlloc(0));
     if (!hash)
         return library_failure("allocating the hash");
-    std::vector<std::string> gets, removes;
-    for (std::size_t i = 0; i < args.size(); ++i) {
-        if (args[i] == "--get" && i + 1 < args.size()) {
-            gets.emplace_back(args[++i]);
-        } else if (args[i] == "--remove" && i + 1 < args.size()) {
-            removes.emplace_back(args[++i]);
+    for (const auto word : p.words) {
+        const auto eq = word.find('=');
+        if (eq == std::string_view::npos)
+            return usage_error("hash items are KEY=VALUE");
+        const std::string key(word.substr(0, eq));
+        const std::string value(word.substr(eq + 1));
+        PKLIBSZHASH raw = hash.release();
+        const int slot = KLIBSzHashSetValue(&raw, key.c_str(), value.c_str());
+        hash.reset(raw);
+        if (slot < 0)
+            return library_failure("setting " + key);
+    }
+    for (const auto &[name, values] : p.options) {
+        const std::string key(values[0]);
+        if (name == "--remove") {
+            const char *old = SzKLIBSzHashRemoveKey(hash.get(), key.c_str());
+            std::printf("removed %s%s%s\n", key.c_str(), old ? " = " : " (absent)", old ? old : "");
         } else {
-            const auto eq = args[i].find('=');
-            if (eq == std::string_view::npos)
-                return usage_error("hash items are KEY=VALUE");
-            const std::string key(args[i].substr(0, eq));
-            const std::string value(args[i].substr(eq + 1));
-            PKLIBSZHASH raw = hash.release();
-            const int slot = KLIBSzHashSetValue(&raw, key.c_str(), value.c_str());
-            hash.reset(raw);
-            if (slot < 0)
-                return library_failure("setting " + key);
+            const char *value = SzKLIBSzHashGetValue(hash.get(), key.c_str());
+            std::printf("%s %s%s\n", key.c_str(), value ? "= " : "is absent", value ? value : "");
         }
-    }
-    for (const auto &key : removes) {
-        const char *old = SzKLIBSzHashRemoveKey(hash.get(), key.c_str());
-        std::printf("removed %s%s%s\n", key.c_str(), old ? " = " : " (absent)", old ? old : "");
-    }
-    for (const auto &key : gets) {
-        const char *value = SzKLIBSzHashGetValue(hash.get(), key.c_str());
-        std::printf("%s %s%s\n", key.c_str(), value ? "= " : "is absent", value ? value : "");
     }
     std::printf("%d pairs in %d slots, %d of %d pool bytes free:\n", KLIBSzHashPairNum(hash.get()),
                 hash->nSlot, hash->nPoolFree, hash->nPoolSize);
@@ -247,7 +289,7 @@ constexpr Command kCommands[] = {
     {"version", "version", cmd_version},
     {"errors", "errors", cmd_errors},
     {"error", "error CODE", cmd_error},
-    {"list", "list [--sort none|byte|case] [--find TEXT] ITEM...", cmd_list},
+    {"list", "list [--sort none|byte|case] [--at INDEX TEXT]... [--find TEXT] ITEM...", cmd_list},
     {"setop", "setop or|and|sub [--sort none|byte|case] A1,A2,... B1,B2,...", cmd_setop},
     {"hash", "hash [--get KEY]... [--remove KEY]... KEY=VALUE...", cmd_hash},
     {"help", "help", cmd_help},

@@ -15,7 +15,7 @@ kemoctl errors | head -n 8
 
 echo
 echo "== String lists: unsorted with a gap, byte order, and case-insensitive order"
-step kemoctl list backup media Public
+step kemoctl list --at 5 homes backup media Public
 step kemoctl list --sort byte --find Public media backup Public
 step kemoctl list --sort case --find PUBLIC media backup Public Straße
 step kemoctl setop or --sort case admin,guest,Alice ALICE,bob
