@@ -52,6 +52,7 @@ deps)
 demo)
     deps
     build build -DKEMO_BUILD_BENCH=OFF
+    export KEMO_SANDBOX_EXPOSE="$top"
     exec build/tools/sandbox/kemo-sandbox -- env PATH="$top/build/tools:$PATH" sh "$top/tools/tour.sh"
     ;;
 test)
@@ -64,8 +65,11 @@ test)
 bench)
     deps
     build build-release -DCMAKE_BUILD_TYPE=Release -DKEMO_BUILD_TESTS=OFF
+    export KEMO_SANDBOX_EXPOSE="$top"
     for b in build-release/bench/bench_*; do
-        [ -x "$b" ] && build-release/tools/sandbox/kemo-sandbox -- "$b"
+        if [ -x "$b" ]; then
+            build-release/tools/sandbox/kemo-sandbox -- "$b"
+        fi
     done
     ;;
 *)

@@ -36,7 +36,10 @@
 #include <cstdio>
 #include <cstring>
 #include <new>
+#include <algorithm>
+#include <cstdlib>
 #include <string>
+#include <vector>
 #include <utility>
 
 namespace kemo::sandbox {
@@ -247,6 +250,49 @@ bool install_factory(const std::string &root, std::string *why) {
     return true;
 }
 
+// The working directory and the directories named in KEMO_SANDBOX_EXPOSE
+// (colon-separated), when they lie under the machine's /tmp: a checkout or
+// build tree there would otherwise vanish behind the sandbox's fresh /tmp.
+// Paths elsewhere are visible through the overlay already.
+std::vector<std::string> hidden_work_dirs() {
+    std::vector<std::string> wanted {g.cwd};
+    if (const char *list = std::getenv("KEMO_SANDBOX_EXPOSE")) {
+        std::string_view rest = list;
+        while (!rest.empty()) {
+            const std::size_t colon = rest.find(':');
+            wanted.emplace_back(rest.substr(0, colon));
+            if (colon == std::string_view::npos) break;
+            rest.remove_prefix(colon + 1);
+        }
+    }
+    std::sort(wanted.begin(), wanted.end());
+    std::vector<std::string> out;
+    for (const std::string &path : wanted) {
+        if (path.rfind("/tmp/", 0) != 0 || path.find("/../") != std::string::npos) continue;
+        // A directory below one already exposed comes with it.
+        if (!out.empty() && path.rfind(out.back() + "/", 0) == 0) continue;
+        if (!out.empty() && path == out.back()) continue;
+        out.push_back(path);
+    }
+    return out;
+}
+
+// Binds those directories read-only at their own paths in the new /tmp, so
+// that tests and tools can run from such a tree but never write to it.
+bool expose_work_dirs(const std::string &root, std::string *why) {
+    for (const std::string &path : hidden_work_dirs()) {
+        const std::string source =
+            "/proc/self/fd/" + std::to_string(g.machine_tmp) + path.substr(std::strlen("/tmp"));
+        struct stat st {};
+        if (::stat(source.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) continue;
+        const std::string target = root + path;
+        if (!make_parents(target, why) || !make_dir(target, 0755, why) ||
+            !bind(source.c_str(), target, why) || !remount_read_only(target, why))
+            return false;
+    }
+    return true;
+}
+
 // Mounts generation `gen` (overlay and everything below it) and copies the
 // factory tree in. Paths are those of the namespace's root, where the
 // process stands while this runs.
@@ -272,7 +318,8 @@ bool build_tree(const std::string &gen, const std::string &root, std::string *wh
             !make_dir(root + "/tmp", 01777, why) ||
             !do_mount("overlay", root + "/tmp", "overlay", 0, tmp_layers.c_str(), why))
             return false;
-    } else if (!mount_tmpfs(root + "/tmp", "mode=1777", MS_NOSUID | MS_NODEV, why)) {
+    } else if (!mount_tmpfs(root + "/tmp", "mode=1777", MS_NOSUID | MS_NODEV, why) ||
+               !expose_work_dirs(root, why)) {
         return false;
     }
 
