@@ -58,9 +58,9 @@ long fs_type(const char *path) {
     return ::statfs(path, &st) == 0 ? static_cast<long>(st.f_type) : -1;
 }
 
-bool read_only(const char *path) {
+bool read_only(const std::string &path) {
     struct statvfs st {};
-    return ::statvfs(path, &st) == 0 && (st.f_flag & ST_RDONLY) != 0;
+    return ::statvfs(path.c_str(), &st) == 0 && (st.f_flag & ST_RDONLY) != 0;
 }
 
 std::string cwd() {
