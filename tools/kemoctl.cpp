@@ -145,18 +145,18 @@ Parsed parse_args(const Args &args, std::initializer_list<std::pair<std::string_
 {
     Parsed p;
     for (std::size_t i = 0; i < args.size(); ++i) {
-        const auto *spec = std::find_if(known.begin(), known.end(),
+        const auto *option = std::find_if(known.begin(), known.end(),
                                         [&](const auto &k) { return k.first == args[i]; });
-        if (spec == known.end()) {
+        if (option == known.end()) {
             p.words.push_back(args[i]);
             continue;
         }
-        if (i + spec->second >= args.size()) {
-            p.error = std::string(spec->first) + " needs " + std::to_string(spec->second) + " value(s)";
+        if (i + option->second >= args.size()) {
+            p.error = std::string(option->first) + " needs " + std::to_string(option->second) + " value(s)";
             return p;
         }
-        p.options.emplace_back(spec->first, Args(args.begin() + i + 1, args.begin() + i + 1 + spec->second));
-        i += spec->second;
+        p.options.emplace_back(option->first, Args(args.begin() + i + 1, args.begin() + i + 1 + option->second));
+        i += option->second;
     }
     return p;
 }

@@ -61,11 +61,11 @@ int usage_error(const std::string &message) {
 }
 
 // HOSTFILE:/ABS/DEST[:MODE]; the destination starts at the first ":/".
-bool parse_placement(const std::string &spec, Placement *out) {
-    const std::size_t split = spec.find(":/");
+bool parse_placement(const std::string &text, Placement *out) {
+    const std::size_t split = text.find(":/");
     if (split == 0 || split == std::string::npos) return false;
-    out->source = spec.substr(0, split);
-    out->destination = spec.substr(split + 1);
+    out->source = text.substr(0, split);
+    out->destination = text.substr(split + 1);
     const std::size_t colon = out->destination.rfind(':');
     if (colon != std::string::npos) {
         const std::string mode = out->destination.substr(colon + 1);
@@ -144,15 +144,15 @@ int main(int argc, char **argv) {
         if (arg == "--keep-tmp") {
             options.keep_tmp = true;
         } else if (arg == "--place" || arg.rfind("--place=", 0) == 0) {
-            std::string spec;
+            std::string text;
             if (arg == "--place") {
                 if (i + 1 >= argc) return usage_error("--place needs HOSTFILE:/ABS/DEST[:MODE]");
-                spec = argv[++i];
+                text = argv[++i];
             } else {
-                spec = arg.substr(8);
+                text = arg.substr(8);
             }
             Placement p;
-            if (!parse_placement(spec, &p)) return usage_error("bad --place argument: " + spec);
+            if (!parse_placement(text, &p)) return usage_error("bad --place argument: " + text);
             placements.push_back(std::move(p));
         } else if (arg.size() > 1 && arg[0] == '-') {
             return usage_error("unknown option " + arg);
