@@ -307,8 +307,10 @@ int cmd_help(const Args &)
 
 int main(int argc, char **argv)
 {
-    if (argc < 2)
-        return cmd_help({}), 2;
+    if (argc < 2) {
+        cmd_help({});
+        return 2;
+    }
     const std::string_view name = argv[1];
     const Args args(argv + 2, argv + argc);
     for (const auto &c : kCommands)
