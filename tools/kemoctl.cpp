@@ -35,6 +35,17 @@ struct HashDeleter {
 using ListPtr = std::unique_ptr<KLIBSZLIST, ListDeleter>;
 using HashPtr = std::unique_ptr<KLIBSZHASH, HashDeleter>;
 
+// Runs a library call that takes the address of a list or hash pointer
+// because it may move the block, and keeps the owner pointing at the block.
+template <class Owner, class Call>
+int growing(Owner &owner, Call call)
+{
+    auto *raw = owner.release();
+    const int result = call(&raw);
+    owner.reset(raw);
+    return result;
+}
+
 const char *error_name(int code)
 {
     if (code >= 0 && (code & 0xFF) == 0 && (code >> 8) < KEMO_ERR_TABLE_SIZE && rgszErrMsg[code >> 8])
@@ -83,10 +94,7 @@ ListPtr make_list(int mode, const std::vector<std::string> &items)
     if (!list || KLIBSzListSortItems(list.get(), mode) != 0)
         return nullptr;
     for (const auto &item : items) {
-        PKLIBSZLIST raw = list.release();
-        const int at = KLIBSzListPush(&raw, item.c_str());
-        list.reset(raw);
-        if (at < 0)
+        if (growing(list, [&](PKLIBSZLIST *l) { return KLIBSzListPush(l, item.c_str()); }) < 0)
             return nullptr;
     }
     return list;
@@ -191,10 +199,8 @@ int cmd_list(const Args &args)
         if (name != "--at")
             continue;
         const std::string text(values[1]);
-        PKLIBSZLIST raw = list.release();
-        const int at = KLIBSzListInsert(&raw, std::atoi(std::string(values[0]).c_str()), text.c_str());
-        list.reset(raw);
-        if (at < 0)
+        const int index = std::atoi(std::string(values[0]).c_str());
+        if (growing(list, [&](PKLIBSZLIST *l) { return KLIBSzListInsert(l, index, text.c_str()); }) < 0)
             return library_failure("inserting " + text);
     }
     print_list(list.get());
@@ -254,10 +260,7 @@ int cmd_hash(const Args &args)
             return usage_error("hash items are KEY=VALUE");
         const std::string key(word.substr(0, eq));
         const std::string value(word.substr(eq + 1));
-        PKLIBSZHASH raw = hash.release();
-        const int slot = KLIBSzHashSetValue(&raw, key.c_str(), value.c_str());
-        hash.reset(raw);
-        if (slot < 0)
+        if (growing(hash, [&](PKLIBSZHASH *h) { return KLIBSzHashSetValue(h, key.c_str(), value.c_str()); }) < 0)
             return library_failure("setting " + key);
     }
     for (const auto &[name, values] : p.options) {
