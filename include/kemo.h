@@ -22,6 +22,7 @@
 #define KEMO_H
 
 #include <stddef.h>
+#include <stdint.h>
 #include <stdio.h>
 
 #if defined(__GNUC__)
@@ -407,6 +408,405 @@ KEMO_API int KLIBUnicodeUTF8StrCaseCmp(const char *a, const char *b);
  * process.  Both return 1. */
 KEMO_API int KLIBUnicodeOpenCollator(void);
 KEMO_API int KLIBUnicodeCloseCollator(void);
+
+/* Number of Unicode code points in a UTF-8 string; -1 with
+ * ERR_BAD_PARAMETERS (NULL), ERR_OUT_OF_MEMORY or ERR_UNKNOWN (invalid). */
+KEMO_API int KLIBUnicodeUTF8StrCountChar(const char *s);
+
+/* Upper-cases a UTF-8 string in the current locale.  Returns the length of
+ * the result; it is copied to dst only when length < size, otherwise dst
+ * becomes "" (when size > 0).  size 0 only measures.  -1 with
+ * ERR_BAD_PARAMETERS (NULL src, negative size, NULL dst with size > 0) or
+ * ERR_UNKNOWN (invalid UTF-8). */
+KEMO_API int KLIBUnicodeUTF8StrUpper(const char *src, char *dst, int size);
+
+/* Upper-cases n UTF-16 units of src (n < 0: up to the terminating 0) into
+ * a new buffer from malloc (terminated; the caller frees it with free()).
+ * Returns the result's length in units, or -1 with ERR_BAD_PARAMETERS,
+ * ERR_OUT_OF_MEMORY or ERR_UNKNOWN. */
+KEMO_API int KLIBUnicodeIUTF16StrUpper(const uint16_t *src, int n, uint16_t **pdst);
+
+/* Settings values of the code-page indexes 0..32 ("8", "437", ... "2950"). */
+#define KLIB_CODEPAGE_COUNT 33
+KEMO_API extern const char *const rgszSysConfCPValues[KLIB_CODEPAGE_COUNT];
+
+/* Code-page kinds: settings keys of /etc/kemoinfo.conf. */
+#define KLIB_CP_KIND_SMB 1          /* "codepage" */
+#define KLIB_CP_KIND_APPLE 4        /* "codepage_apple" */
+#define KLIB_CP_KIND_MEDIASERVICE 32 /* "codepage_mediaservice" (read only) */
+
+/* Reads the code-page index of a kind from /etc/kemoinfo.conf.  1, or -1
+ * with ERR_BAD_PARAMETERS (unknown kind, NULL index), the file's code
+ * (key missing) or ERR_KEY_NOT_FOUND (value not in the table). */
+KEMO_API int KLIBUnicodeGetCodePage(int kind, int *index);
+/* Stores index (< 33) for kind 1 or 4 as key="value".  1, or -1. */
+KEMO_API int KLIBUnicodeSetCodePage(int kind, int index);
+
+/* Converter indexes 0..33 (0 UTF-8, 1..32 the code pages of the settings
+ * table, 33 UTF-16). */
+#define KLIB_CONVERTER_COUNT 34
+struct UConverter;
+/* The cached ICU converter of an index, opened on first use; NULL with
+ * ERR_BAD_PARAMETERS or ERR_OPEN_FAILED.  Owned by the library. */
+KEMO_API struct UConverter *PuconvKLIBUnicodeIOpenConvertor(int index);
+/* Kept for existing callers; converters stay cached.  Both return 1. */
+KEMO_API int KLIBUnicodeOpenConvertor(void);
+KEMO_API int KLIBUnicodeCloseConvertor(void);
+
+/* Conversions between a code page (by converter index) and UTF-8, with the
+ * size conventions of KLIBUnicodeUTF8StrUpper: the result's length is
+ * returned, and the text copied only when length < size. */
+KEMO_API int KLIBUnicodeStrCPToUTF8(int index, const char *src, char *dst, int size);
+KEMO_API int KLIBUnicodeStrUTF8ToCP(int index, const char *src, char *dst, int size);
+/* Same from a 0-terminated UTF-16 string. */
+KEMO_API int KLIBUnicodeStrUTF16ToUTF8(const uint16_t *src, char *dst, int size);
+
+/* The address of the byte after the n-th character of a UTF-8 string (the
+ * terminating NUL when it has fewer); NULL for NULL s, negative n or
+ * invalid UTF-8. */
+KEMO_API const char *SzKLIBUnicodeUTF8ForwardNChar(const char *s, int n);
+
+/* Shortens src to maxChars characters followed by suffix into dst, which
+ * must hold 6 * maxChars + strlen(suffix) + 1 bytes.  1 when shortened, 0
+ * when src already fits (dst untouched), -1 on failure. */
+KEMO_API int KLIBUnicodeUTF8ShortenStr(const char *src, int maxChars, const char *suffix,
+                                       char *dst, int size);
+
+/* Locale of collation and case mapping ("" is the root locale).  Accepted
+ * names: "", "de_DE", "en_US", "es_ES", "fr_FR", "it_IT", "ja_JP", "ko_KR",
+ * "pt_BR", "zh__PINYIN", "zh_TW_STROKE". */
+/* Gives the current name; checks it once (again with force != 0).  1, or
+ * -1 with ERR_KEY_NOT_FOUND for an unknown name, ERR_BAD_PARAMETERS. */
+KEMO_API int KLIBUnicodeIGetLocale(int force, const char **name);
+/* Makes an accepted name current and drops the cached collator.  1, or -1
+ * with ERR_BAD_PARAMETERS / ERR_KEY_NOT_FOUND. */
+KEMO_API int KLIBUnicodeSetLocale(const char *name);
+/* Forgets the locale check and closes the cached collator.  1. */
+KEMO_API int KLIBUnicodeReInitLocale(void);
+
+/* 1 when the "client code page" of /usr/kemo/etc/smb.conf is a
+ * double-byte code page (932, 936, 949, 950), else 0. */
+KEMO_API int BlKLIBIsDByte(void);
+
+/* ------------------------------------------------------------------------ */
+/* Strings                                                                   */
+/* ------------------------------------------------------------------------ */
+
+/* Removes leading and trailing space, tab, CR and LF, then one pair of
+ * enclosing double quotes.  Writes to dst, or back into src when dst is
+ * NULL.  The resulting length, or -1 with ERR_BAD_PARAMETERS. */
+KEMO_API int KLIBStrTrimSpace(char *src, char *dst);
+/* strsep that skips empty tokens: the next non-empty token, NULL at the
+ * end or for NULL arguments. */
+KEMO_API char *KLIBIStrTok(char **cursor, const char *delimiters);
+/* Pushes every non-empty token (KLIBStrTok) or every token, empty ones
+ * included (KLIBStrSep), of str onto *plist.  The number of tokens, or -1. */
+KEMO_API int KLIBStrTok(const char *str, const char *delimiters, PKLIBSZLIST *plist);
+KEMO_API int KLIBStrSep(const char *str, const char *delimiters, PKLIBSZLIST *plist);
+/* Splits line at its first "=" and pushes the trimmed key and value.  0;
+ * -1 with ERR_BAD_PARAMETERS for an empty key or a line without "=" (the
+ * key is pushed then). */
+KEMO_API int KLIBStrSepPair(const char *line, PKLIBSZLIST *plist);
+
+/* Colon encoding: ":" becomes ";," and ";" becomes ";;".  dst holds
+ * size + 1 bytes.  The encoded length, or -1 with ERR_BAD_PARAMETERS or
+ * ERR_NOT_ENOUGH_MEMORY. */
+KEMO_API int KLIBStrEncodeColon(const char *src, char *dst, int size);
+KEMO_API int KLIBStrDecodeColon(const char *src, char *dst, int size);
+/* Each byte as two upper-case hexadecimal digits, and back.  dst holds
+ * size bytes including the NUL.  The written length, or -1 with
+ * ERR_BAD_PARAMETERS (NULL, odd length or a non-hex digit) or
+ * ERR_NOT_ENOUGH_MEMORY. */
+KEMO_API int KLIBStringToHexCode(const char *src, char *dst, int size);
+KEMO_API int KLIBStrHexCodeToString(const char *src, char *dst, int size);
+
+/* Lower-cases ASCII letters of s in place; returns s (NULL for NULL). */
+KEMO_API char *SzKLIBStrCaseLower(char *s);
+/* Edits of a NUL-terminated string in a buffer of size bytes.  Each
+ * returns the new length, or -1 with ERR_BAD_PARAMETERS, ERR_KEY_NOT_FOUND
+ * (anchor absent) or ERR_NOT_ENOUGH_MEMORY (the buffer stays as it was). */
+/* Replaces every occurrence of from with to. */
+KEMO_API int KLIBStrReplace(char *buf, int size, const char *from, const char *to);
+/* Inserts text at byte offset pos (0..strlen). */
+KEMO_API int KLIBStrInsert(char *buf, int size, int pos, const char *text);
+/* Inserts text before / after the first occurrence of anchor. */
+KEMO_API int KLIBStrInsertBefore(char *buf, int size, const char *anchor, const char *text);
+KEMO_API int KLIBStrInsertAfter(char *buf, int size, const char *anchor, const char *text);
+/* Deletes count bytes at byte offset pos (clipped at the end). */
+KEMO_API int KLIBStrDelete(char *buf, int pos, int count);
+
+/* Code page 932: (DOS code, Mac code) pairs of the characters whose codes
+ * differ between the two forms. */
+#define KLIB_932_PAIRS 316
+KEMO_API extern const uint32_t rg932DosMac[KLIB_932_PAIRS][2];
+/* One double-byte code from one form to the other; unmapped codes come
+ * back unchanged. */
+KEMO_API uint32_t KLIBDcharMac2Dos(uint32_t code);
+KEMO_API uint32_t KLIBDcharDos2Mac(uint32_t code);
+/* Whole code-page-932 strings from the Mac form to the DOS form (MacIE2Unix)
+ * and back, into dst of size bytes.  dst, or NULL with ERR_BAD_PARAMETERS
+ * or ERR_NOT_ENOUGH_MEMORY. */
+KEMO_API char *SzKLIBStrMacIE2Unix(const char *src, char *dst, int size);
+KEMO_API char *SzKLIBStrUnix2MacIE(const char *src, char *dst, int size);
+
+/* ------------------------------------------------------------------------ */
+/* Validators: 1 valid, 0 invalid                                            */
+/* ------------------------------------------------------------------------ */
+
+KEMO_API int BlKLIBIsAtom(const char *s);
+KEMO_API int BlKLIBIsDomain(const char *s);
+KEMO_API int BlKLIBIsMailbox(const char *s);
+/* Address a.b.c.d (numbers in C notation); rewritten in decimal in place. */
+KEMO_API int BlKLIBIsIpAddr(char *s);
+/* Contiguous non-zero mask; rewritten in decimal in place. */
+KEMO_API int BlKLIBIsIpMask(char *s);
+/* "address/prefix" naming a network (no host bits set, prefix 1..32);
+ * rewritten in decimal in place. */
+KEMO_API int BlKLIBIsSubNet(char *s);
+/* "address/mask" to "network/prefix" and back; into dst, or over src when
+ * dst is NULL (src then holds 32 bytes).  0, or -1 with ERR_BAD_PARAMETERS
+ * or ERR_INVALID_NETNAME. */
+KEMO_API int ErrKLIBIpMaskToSubnet(char *src, char *dst);
+KEMO_API int ErrKLIBSubnetToIpMask(char *src, char *dst);
+KEMO_API int BlKLIBIsHostname(const char *s);
+KEMO_API int BlKLIBIsUserName(const char *s);
+KEMO_API int BlKLIBIsGroupName(const char *s);
+KEMO_API int BlKLIBIsShareName(const char *s);
+KEMO_API int BlKLIBIsWorkGroupName(const char *s);
+
+/* ------------------------------------------------------------------------ */
+/* Key/value settings files                                                  */
+/* ------------------------------------------------------------------------ */
+/* Lines are "key=value"; a line whose first byte is "#" or ";" is a
+ * comment.  Keys and values are trimmed of blanks and one pair of
+ * enclosing double quotes; keys compare case-sensitively.  Lines may be of
+ * any length.  Every rewrite writes a complete twin, fsyncs it and renames
+ * it over the file (which keeps its owner and mode); lines a function does
+ * not own are carried over byte for byte. */
+
+/* 1 when line is not a comment and its key is key; else 0. */
+KEMO_API int KLIBILineKeyMatch(const char *line, const char *key);
+/* Value of key (the first matching line; the last with flags bit 0).
+ * Returns its length + 1 and copies it when it fits size.  NULL buf with
+ * size 0 measures.  0 with ERR_KEY_NOT_FOUND when absent or empty; -1 with
+ * ERR_BAD_PARAMETERS, ERR_OPEN_FAILED or ERR_NOT_ENOUGH_MEMORY. */
+KEMO_API int KLIBFileGetKeyValue(const char *path, const char *key, char *buf, int size,
+                                 int flags);
+/* Replaces the first line of key (dropping later ones) or appends one;
+ * creates a missing file.  format (NULL: "%s=%s\n") holds "%s", "=", "%s",
+ * newline in that order.  1, or -1. */
+KEMO_API int KLIBFileSetKeyValue(const char *path, const char *key, const char *value,
+                                 const char *format);
+/* KLIBFileSetKeyValue, then KLIBFileAppendKey if that returned 0. */
+KEMO_API int KLIBIFileSetKeyValue(const char *path, const char *key, const char *value,
+                                  const char *format);
+/* Appends key in place unless present (0 with ERR_KEY_EXISTS).  1, or -1. */
+KEMO_API int KLIBFileAppendKey(const char *path, const char *key, const char *value,
+                               const char *format);
+/* Removes every line of key.  The number removed; 0 with ERR_KEY_NOT_FOUND;
+ * -1 on failure. */
+KEMO_API int KLIBFileRemoveKey(const char *path, const char *key);
+/* Sets every "key=value" line into *phash (comments not special, later
+ * lines win).  The hash's pair count, or -1. */
+KEMO_API int KLIBFileGetPair(const char *path, PKLIBSZHASH *phash);
+/* Sets every pair of hash in the file: lines of its keys are replaced in
+ * place, the rest appended in slot order.  Keys found in the file leave the
+ * hash.  The number of keys written (0: file untouched), or -1. */
+KEMO_API int KLIBFileSetKeys(const char *path, PKLIBSZHASH hash, const char *format);
+/* One line of a KLIBFileSetKeys rewrite: writes the key's new line and
+ * removes the key from hash (1), or writes nothing (0).  -1 on failure. */
+KEMO_API int KLIBILineKeyMoveHash2File(FILE *stream, const char *line, PKLIBSZHASH hash,
+                                       const char *format);
+/* 1 when format is NULL or holds "%s", "=", "%s" and a newline in order. */
+KEMO_API int KLIBIFileCheckFormat(const char *format);
+/* prefix + "<pid>-<counter>" into buf.  0, or -1. */
+KEMO_API int KLIBFileITmpName(const char *prefix, char *buf, int size);
+
+/* The whole first line (last with flags bit 0) of key, without its newline;
+ * conventions of KLIBFileGetKeyValue. */
+KEMO_API int KLIBFileGetLineByKey(const char *path, const char *key, char *buf, int size,
+                                  int flags);
+/* Replaces the first line of key by line (a newline is added when missing)
+ * and drops later ones, or appends line; creates a missing file.  1, or -1. */
+KEMO_API int KLIBFileSetLineByKey(const char *path, const char *key, const char *line);
+/* Appends line unless a line of key exists (0 with ERR_KEY_EXISTS).  1, or
+ * -1. */
+KEMO_API int KLIBFileAddLineByKey(const char *path, const char *key, const char *line);
+/* Replaces every occurrence of from by to in every line that is not a
+ * comment.  The number of replacements (0: file untouched), or -1. */
+KEMO_API int KLIBFileReplaceSubStr(const char *path, const char *from, const char *to);
+/* Comments out ("#" in front) every line of key.  The number of lines, 0
+ * with ERR_KEY_NOT_FOUND, or -1. */
+KEMO_API int KLIBFileComment(const char *path, const char *key);
+/* Sets every pair of hash in the file like KLIBFileSetKeys, leaving the
+ * hash as it was.  0, or -1. */
+KEMO_API int ErrKLIBFileSetPair(const char *path, PKLIBSZHASH hash, const char *format);
+/* Appends to dst every key of src that dst lacks (dst's values win).  The
+ * number of keys added, or -1. */
+KEMO_API int KLIBFileMergePairs(const char *dst, const char *src, const char *format);
+/* Rewrites the file with its lines in reverse order.  The number of lines,
+ * or -1. */
+KEMO_API int KLIBFileIInverse(const char *path);
+/* Pushes every line, without its newline, onto *plist.  The count, or -1. */
+KEMO_API int KLIBFileReadLines(const char *path, PKLIBSZLIST *plist);
+/* 1-based number of the first line (last with flags bit 0) matching pattern
+ * under the rules of KLIBILineMatch; 0 with ERR_KEY_NOT_FOUND; -1. */
+KEMO_API int KLIBFileMatchLineNo(const char *path, const char *pattern, int flags);
+/* Pushes "dir/name" of every entry but "." and ".." in byte order of the
+ * names; flags: 0 all, KLIB_ENUM_FILES regular files, KLIB_ENUM_DIRS
+ * directories.  The count, or -1. */
+#define KLIB_ENUM_FILES 1
+#define KLIB_ENUM_DIRS 2
+KEMO_API int KLIBFileEnumDir(const char *dir, PKLIBSZLIST *plist, int flags);
+
+/* ------------------------------------------------------------------------ */
+/* Sectioned settings files                                                  */
+/* ------------------------------------------------------------------------ */
+
+/* Line match flags. */
+#define KLIB_MATCH_LAST 0x1     /* callers: the last match, not the first */
+#define KLIB_MATCH_PREFIX 0x2   /* pattern at the start of the line */
+#define KLIB_MATCH_SUFFIX 0x4   /* pattern right before the newline */
+#define KLIB_MATCH_NOCASE 0x400 /* compare UTF-8 upper-cased */
+
+/* 1 when the first length bytes of line are a "[name]" header. */
+KEMO_API int KLIBIFileIsSection(const char *line, int length);
+/* 1 when they are the header of name; 0; -1 with ERR_BAD_PARAMETERS. */
+KEMO_API int KLIBIFileMatchSection(const char *line, int length, const char *name);
+/* 1 when line (not a comment) holds pattern under flags; else 0. */
+KEMO_API int KLIBILineMatch(const char *line, const char *pattern, int flags);
+/* Pushes every section name in file order.  The list's count, or -1. */
+KEMO_API int KLIBFileEnumSection(const char *path, PKLIBSZLIST *plist);
+/* Sets the pairs of section name into *phash.  The pair count, or -1. */
+KEMO_API int KLIBFileGetSection(const char *path, const char *name, PKLIBSZHASH *phash);
+/* Appends section name with the pairs of hash unless it exists (0).  1, or
+ * -1. */
+KEMO_API int ErrKLIBFileAddSection(const char *path, const char *name, PKLIBSZHASH hash,
+                                   const char *format);
+/* Drops every section name (keeping comment lines inside it); with flags
+ * bit 0 writes newName (or name) with the pairs of hash in its place.  1
+ * when found, 0 when not, -1. */
+KEMO_API int ErrKLIBIFileModifySection(const char *path, const char *name, const char *newName,
+                                       PKLIBSZHASH hash, int flags, const char *format);
+KEMO_API int ErrKLIBFileRemoveSection(const char *path, const char *name);
+KEMO_API int ErrKLIBFileSetSection(const char *path, const char *name, const char *newName,
+                                   PKLIBSZHASH hash, const char *format);
+/* Sets one key of a section, adding the section when absent.  1, or -1. */
+KEMO_API int ErrSetSecKeyVal(const char *path, const char *section, const char *key,
+                             const char *value, const char *format);
+/* The first line (last with flags bit 0) matching pattern, without its
+ * newline.  Its length + 1; 0 with ERR_KEY_NOT_FOUND; -1. */
+KEMO_API int KLIBFileGetLine(const char *path, const char *pattern, char *buf, int size,
+                             int flags);
+/* Replaces the first (last with bit 0) matching line by line; creates a
+ * missing file with line.  1; 0 with ERR_KEY_NOT_FOUND; -1. */
+KEMO_API int KLIBFileSetLine(const char *path, const char *pattern, const char *line, int flags);
+/* Inserts line after the first (last with bit 0) line matching pattern, or
+ * at the end when none matches or pattern is NULL; creates a missing file.
+ * 1, or -1. */
+KEMO_API int KLIBFileAddLine(const char *path, const char *pattern, const char *line, int flags);
+
+/* ------------------------------------------------------------------------ */
+/* Configuration file locks                                                  */
+/* ------------------------------------------------------------------------ */
+
+/* Lock files under /tmp/lock/, selected by mask bits. */
+#define KLIB_LOCK_KEMOINFO 0x800
+#define KLIB_LOCK_PW 0x10
+#define KLIB_LOCK_GR 0x20
+#define KLIB_LOCK_RC 0x80
+#define KLIB_LOCK_HOST 0x100
+#define KLIB_LOCK_SMB 0x40
+#define KLIB_LOCK_EXPORTS 0x200
+#define KLIB_LOCK_NW 0x400
+#define KLIB_LOCK_APPLE 0x1000
+#define KLIB_LOCK_SNMP 0x2000
+#define KLIB_LOCK_WIN 0x4000
+#define KLIB_LOCK_TAPEBKP 0x8000
+#define KLIB_LOCK_CONNECT 0x10000
+#define KLIB_LOCK_USBIDMAP 0x20000
+#define KLIB_LOCK_DUSERUID 0x40000
+#define KLIB_LOCK_DUSERGID 0x80000
+#define KLIB_LOCK_FSTAB 0x100000
+#define KLIB_LOCK_HOTSWAP 0x200000
+/* Operation, in the low 4 bits of a request. */
+#define KLIB_LOCK_SH 1
+#define KLIB_LOCK_EX 2
+#define KLIB_LOCK_NB 4
+
+/* Makes sure /tmp/lock/ and every lock file exist.  0, or -1 with
+ * ERR_CREATE_FAILED / ERR_OPEN_FAILED. */
+KEMO_API int ErrKLIBILockCheckDir(void);
+/* Takes the locks of request (masks | operation); timeout in seconds, 0 a
+ * single attempt.  Locks nest.  0, or -1 with ERR_LOCK_FAILED (nothing of
+ * this request is then held). */
+KEMO_API int ErrKLIBFileLock(int request, int timeout);
+/* Releases one nesting level of each held lock in mask.  0, or -1. */
+KEMO_API int ErrKLIBFileUnlock(int mask);
+/* Keeps the held locks of mask at nesting 1 and releases all others. */
+KEMO_API int ErrKLIBFileResetLock(int mask);
+/* Releases every lock of the process.  0, or -1. */
+KEMO_API int ErrKLIBFileCloseLock(void);
+/* Opens path (created when absent) holding an exclusive lock, retrying
+ * every 200 ms while *timeoutMs (lowered as it goes) is not negative.  The
+ * descriptor; -2 with ERR_LOCK_FAILED on timeout; -1 with ERR_OPEN_FAILED
+ * or ERR_BAD_PARAMETERS. */
+KEMO_API int GetExclusiveFileLock(const char *path, int *timeoutMs);
+KEMO_API int ReleaseExclusiveFileLock(int fd);
+
+/* ------------------------------------------------------------------------ */
+/* Processes and sizes                                                       */
+/* ------------------------------------------------------------------------ */
+
+/* Runs path with up to four arguments (the list ends at the first NULL)
+ * detached (stdio on /dev/null, no configuration locks, own session, cwd
+ * "/") and waits.  Its exit code (255 when it could not be run); -1 with
+ * ERR_OP_FAILURE when killed by a signal or fork failed. */
+KEMO_API int KLIBExec(const char *path, const char *arg1, const char *arg2, const char *arg3,
+                      const char *arg4);
+/* system(command); 0 for NULL. */
+KEMO_API int KLIBSystem(const char *command);
+/* Starts path like KLIBExec without waiting.  The child's pid, or -1. */
+KEMO_API int KLIBBackgroundExec(const char *path, const char *arg1, const char *arg2,
+                                const char *arg3, const char *arg4);
+/* Ids of the processes whose ps line holds name, up to max into pids.  The
+ * number found (may exceed max), or -1. */
+KEMO_API int KLIBPs(const char *name, int32_t *pids, int max);
+/* Stops the processes named name (SIGTERM, then SIGKILL for survivors;
+ * SIGKILL at once when force).  The number found, or -1. */
+KEMO_API int KLIBIKill(const char *name, int force);
+KEMO_API int BlKLIBIIsProcAlive(const char *name);
+KEMO_API int BlKLIBProcAlive(int pid);
+KEMO_API int BlProcessIsAlive(const char *name);
+/* The number in a pid file; 0 when it holds none; -1 when unreadable. */
+KEMO_API int KLIBReadPidFile(const char *path);
+KEMO_API int KLIBProcAliveByPidFile(const char *path);
+
+/* Sizes in bytes; 0 on failure. */
+KEMO_API unsigned long long KLIBGetFsAvailSize(const char *path);
+KEMO_API unsigned long long KLIBGetFsFreeSize(const char *path);
+KEMO_API unsigned long long KLIBGetFsUsedSize(const char *path);
+KEMO_API unsigned long long KLIBGetDirSize(const char *path);
+KEMO_API unsigned long long KLIBGetFullDirSize(const char *path);
+
+/* Service notifications.  Services: */
+#define KLIB_SERVICE_SMB 0x1
+#define KLIB_SERVICE_AFP 0x2
+#define KLIB_SERVICE_FTP 0x4
+/* Connections of the selected servers.  The count, or -1. */
+KEMO_API int KLIBConnectionCountGet(int services);
+/* 1 when one more connection stays within "maxservices"; 0 when not; -1. */
+KEMO_API int KLIBConnectionCountLogin(int services);
+/* 1 when the selected servers have a connection; else 0. */
+KEMO_API int BlKLIBIsConnected(int services);
+/* Asks the media indexer to index path (in a media folder).  0, or -1. */
+KEMO_API int KLIBKemoIndexAdd(const char *path);
+/* Asks the thumbnail maker to process path (in the photo folder).  0, -1. */
+KEMO_API int KLIBSignalKemomkthumbd(const char *path);
+/* Signals the status-light daemon: on != 0 lights, 0 clears.  0, or -1. */
+KEMO_API int KLIBChangeQormdLight(int on);
+/* Soft-resets the USB printer "/dev/usb/<device>".  0, or -1. */
+KEMO_API int KEMOResetPrinter(const char *device);
 
 #ifdef __cplusplus
 }

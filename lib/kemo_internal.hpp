@@ -5,6 +5,8 @@
 
 #include <cerrno>
 #include <new>
+#include <optional>
+#include <string_view>
 #include <syslog.h>
 #include <utility>
 
@@ -51,6 +53,37 @@ inline R fail(R failure, int code) noexcept
 {
     KLIBErrSet(code);
     return failure;
+}
+
+// The text of s without outer blanks (space, tab, CR, LF) and without one
+// pair of enclosing double quotes: how keys, values and trimmed lines of
+// the settings files are read.
+inline std::string_view trimmed(std::string_view s) noexcept
+{
+    constexpr std::string_view blanks = " \t\r\n";
+    const auto first = s.find_first_not_of(blanks);
+    if (first == std::string_view::npos)
+        return {};
+    s = s.substr(first, s.find_last_not_of(blanks) - first + 1);
+    if (s.size() >= 2 && s.front() == '"' && s.back() == '"')
+        s = s.substr(1, s.size() - 2);
+    return s;
+}
+
+// A "key=value" line split at its first "=", both sides trimmed(); nullopt
+// for a line without "=" or with an empty key.
+struct KeyValue {
+    std::string_view key, value;
+};
+inline std::optional<KeyValue> split_pair(std::string_view line) noexcept
+{
+    const auto eq = line.find('=');
+    if (eq == std::string_view::npos)
+        return std::nullopt;
+    const std::string_view key = trimmed(line.substr(0, eq));
+    if (key.empty())
+        return std::nullopt;
+    return KeyValue{key, trimmed(line.substr(eq + 1))};
 }
 
 } // namespace kemo

@@ -1,6 +1,6 @@
 // Error state, the error name table, the error log file and the plain
 // system-call wrappers.
-#include "kemo_internal.hpp"
+#include "kemo_io.hpp"
 
 #include <cerrno>
 #include <cstdio>
@@ -193,13 +193,6 @@ namespace {
 
 // Flush the stream's buffer and the file's data to the disk.  Files that
 // cannot be synchronised (character devices, pipes) only need the flush.
-bool flush_and_sync(FILE *stream)
-{
-    if (std::fflush(stream) != 0)
-        return false;
-    return ::fsync(::fileno(stream)) == 0 || errno == EINVAL;
-}
-
 // The message of an error log line is a printf format used without
 // arguments: "%%" stands for one "%".  A conversion that would need an
 // argument has none to consume, so it is written as it stands instead of
@@ -225,7 +218,7 @@ KEMO_API void KLIBErrLogInitial(const char *path)
     if (path == nullptr)
         return;
     if (FILE *f = std::fopen(path, "w")) {
-        flush_and_sync(f);
+        kemo::flush_and_sync(f);
         std::fclose(f);
     }
 }
@@ -241,7 +234,7 @@ KEMO_API int KLIBErrLogSet(const char *path, const char *message)
         const std::string text = expand_argless_format(message);
         // A line that never reached the disk is a failed write too.
         const bool written = std::fputs(text.c_str(), f) >= 0 && std::fputs("\n", f) >= 0 &&
-                             flush_and_sync(f);
+                             kemo::flush_and_sync(f);
         if (std::fclose(f) != 0 || !written)
             return kemo::fail(-1, ERR_WRITE_FAILED);
         return 0;

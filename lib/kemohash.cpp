@@ -13,7 +13,7 @@
 // the pool runs short or fewer than a tenth of the slots are free, and the
 // slot count then grows 31 -> 119 -> 471 -> ... (4n - 5).
 
-#include "kemo_internal.hpp"
+#include "kemo_io.hpp"
 
 #include <algorithm>
 #include <bit>
@@ -183,36 +183,6 @@ Room makeRoom(PKLIBSZHASH h, size_t r)
     return {g, h};
 }
 
-// Format accepted by ErrKLIBIFileHash2File, split around its two "%s".
-struct PairFormat {
-    std::string lead, middle, tail;
-};
-
-// The format must hold "%s", then "=", then "%s", then a newline.  Apart from
-// the two "%s" only "%%" may follow a '%': the format is expanded here, never
-// handed to printf, and anything else would have no argument to consume.
-bool parsePairFormat(std::string_view format, PairFormat &out)
-{
-    std::string *parts[] = {&out.lead, &out.middle, &out.tail};
-    size_t conversions = 0;
-    for (size_t i = 0; i < format.size(); ++i) {
-        if (format[i] != '%') {
-            parts[conversions]->push_back(format[i]);
-            continue;
-        }
-        if (++i == format.size())
-            return false;
-        if (format[i] == '%')
-            parts[conversions]->push_back('%');
-        else if (format[i] == 's' && conversions < 2)
-            ++conversions;
-        else
-            return false;
-    }
-    return conversions == 2 && out.middle.find('=') != std::string::npos &&
-           out.tail.find('\n') != std::string::npos;
-}
-
 bool put(FILE *stream, std::string_view text)
 {
     return text.empty() || std::fwrite(text.data(), 1, text.size(), stream) == text.size();
@@ -368,16 +338,14 @@ int ErrKLIBIFileHash2File(FILE *stream, const char *section, PKLIBSZHASH hash, c
     if (!stream || !hash)
         return kemo::fail(-1, ERR_BAD_PARAMETERS);
     return kemo::edge(-1, [&] {
-        PairFormat fmt;
-        if (!parsePairFormat(format ? format : "%s=%s\n", fmt))
+        kemo::PairFormat fmt;
+        if (!fmt.parse_or_default(format))
             return kemo::fail(-1, ERR_BAD_PARAMETERS);
         if (section && !(put(stream, "[") && put(stream, section) && put(stream, "]\n")))
             return kemo::fail(-1, ERR_WRITE_FAILED);
         for (int i = 0; i < hash->nSlot; ++i) {
             const KLIBSZHASHSLOT &s = hash->rgSlot[i];
-            if (s.pszKey && !(put(stream, fmt.lead) && put(stream, s.pszKey) &&
-                              put(stream, fmt.middle) && put(stream, s.pszValue) &&
-                              put(stream, fmt.tail)))
+            if (s.pszKey && !put(stream, fmt.line(s.pszKey, s.pszValue)))
                 return kemo::fail(-1, ERR_WRITE_FAILED);
         }
         return 0;

@@ -1,0 +1,202 @@
+// Line reader, twin writer and pair format shared by the file modules.
+#include "kemo_io.hpp"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <new>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace kemo {
+
+FilePtr open_file(const char *path, const char *mode)
+{
+    FILE *f;
+    do
+        f = std::fopen(path, mode);
+    while (f == nullptr && errno == EINTR);
+    return FilePtr(f);
+}
+
+bool is_directory(const char *path)
+{
+    struct stat st;
+    return ::stat(path, &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+bool LineReader::next(std::string_view &line)
+{
+    errno = 0;
+    const ssize_t n = ::getline(&buffer_, &capacity_, stream_);
+    if (n < 0) {
+        if (errno == ENOMEM)
+            throw std::bad_alloc();
+        return false;
+    }
+    line = std::string_view(buffer_, static_cast<std::size_t>(n));
+    return true;
+}
+
+std::string_view chomp(std::string_view line) noexcept
+{
+    if (!line.empty() && line.back() == '\n')
+        line.remove_suffix(1);
+    if (!line.empty() && line.back() == '\r')
+        line.remove_suffix(1);
+    return line;
+}
+
+bool flush_and_sync(FILE *stream)
+{
+    if (std::fflush(stream) != 0)
+        return false;
+    return ::fsync(::fileno(stream)) == 0 || errno == EINVAL;
+}
+
+bool sync_parent_directory(const std::string &path)
+{
+    const auto slash = path.rfind('/');
+    const std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+    const int fd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0)
+        return false;
+    const bool synced = ::fsync(fd) == 0 || errno == EINVAL;
+    ::close(fd);
+    return synced;
+}
+
+Twin::Twin(std::string target, std::string twin_path)
+    : target_(std::move(target)), twin_(twin_path.empty() ? target_ + ".tmp" : std::move(twin_path))
+{
+}
+
+Twin::~Twin()
+{
+    if (stream_ != nullptr)
+        std::fclose(stream_);
+    if (!done_)
+        ::unlink(twin_.c_str());
+}
+
+bool Twin::open()
+{
+    // A stale twin of an earlier crash may be there: start it afresh.  It
+    // is created private and given the target's owner and mode before any
+    // content reaches it.
+    struct stat st;
+    const bool replacing = ::stat(target_.c_str(), &st) == 0;
+    const int fd = ::open(twin_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW,
+                          replacing ? 0600 : 0666);
+    if (fd < 0)
+        return fail(false, ERR_OPEN_FAILED);
+    if (replacing) {
+        // Only root may give a file away; for anyone else the twin already
+        // has the caller's owner, which is the best that can be done.
+        if (::fchown(fd, st.st_uid, st.st_gid) != 0 && errno != EPERM) {
+            ::close(fd);
+            return fail(false, ERR_OPEN_FAILED);
+        }
+        if (::fchmod(fd, st.st_mode & 07777) != 0) {
+            ::close(fd);
+            return fail(false, ERR_OPEN_FAILED);
+        }
+    }
+    stream_ = ::fdopen(fd, "w");
+    if (stream_ == nullptr) {
+        ::close(fd);
+        return fail(false, ERR_OPEN_FAILED);
+    }
+    return true;
+}
+
+bool Twin::write(std::string_view text)
+{
+    if (ok_ && !text.empty() && std::fwrite(text.data(), 1, text.size(), stream_) != text.size())
+        ok_ = false;
+    return ok_;
+}
+
+bool Twin::finish()
+{
+    if (stream_ == nullptr)
+        return fail(false, ERR_WRITE_FAILED);
+    bool good = ok_ && flush_and_sync(stream_);
+    good = (std::fclose(stream_) == 0) && good;
+    stream_ = nullptr;
+    if (!good)
+        return fail(false, ERR_WRITE_FAILED);
+    done_ = true;
+    return true;
+}
+
+bool Twin::commit()
+{
+    if (!finish())
+        return false;
+    if (std::rename(twin_.c_str(), target_.c_str()) != 0) {
+        done_ = false; // still the twin's: remove it
+        return fail(false, ERR_WRITE_FAILED);
+    }
+    // The new content is in place; a failed directory sync only weakens
+    // durability across a power cut, and there is nothing to undo.
+    sync_parent_directory(target_);
+    return true;
+}
+
+bool create_file(const char *path, std::string_view content)
+{
+    Twin twin(path);
+    return twin.open() && twin.write(content) && twin.commit();
+}
+
+bool append_in_place(FILE *stream, std::string_view text)
+{
+    const int fd = ::fileno(stream);
+    const off_t old_size = ::lseek(fd, 0, SEEK_END);
+    const bool written = old_size >= 0 && std::fseek(stream, 0, SEEK_END) == 0 &&
+                         std::fwrite(text.data(), 1, text.size(), stream) == text.size() &&
+                         flush_and_sync(stream);
+    if (written)
+        return true;
+    std::clearerr(stream);
+    if (old_size >= 0 && ::ftruncate(fd, old_size) == 0)
+        ::fsync(fd);
+    return fail(false, ERR_WRITE_FAILED);
+}
+
+bool PairFormat::parse(std::string_view format)
+{
+    lead_.clear();
+    middle_.clear();
+    tail_.clear();
+    std::string *parts[] = {&lead_, &middle_, &tail_};
+    std::size_t conversions = 0;
+    for (std::size_t i = 0; i < format.size(); ++i) {
+        if (format[i] != '%') {
+            parts[conversions]->push_back(format[i]);
+            continue;
+        }
+        if (++i == format.size())
+            return false;
+        if (format[i] == '%')
+            parts[conversions]->push_back('%');
+        else if (format[i] == 's' && conversions < 2)
+            ++conversions;
+        else
+            return false;
+    }
+    return conversions == 2 && middle_.find('=') != std::string::npos &&
+           tail_.find('\n') != std::string::npos;
+}
+
+std::string PairFormat::line(std::string_view key, std::string_view value) const
+{
+    std::string out;
+    out.reserve(lead_.size() + key.size() + middle_.size() + value.size() + tail_.size());
+    out.append(lead_).append(key).append(middle_).append(value).append(tail_);
+    return out;
+}
+
+} // namespace kemo

@@ -1,0 +1,174 @@
+// Internal file helpers shared by every module that reads or rewrites the
+// appliance's text files: a reader of lines of any length, the twin writer
+// that replaces a file atomically, and the "key=value" line format.
+#pragma once
+
+#include "kemo_internal.hpp"
+
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace kemo {
+
+// A stdio stream closed when it goes out of scope.
+struct FileCloser {
+    void operator()(FILE *f) const noexcept { std::fclose(f); }
+};
+using FilePtr = std::unique_ptr<FILE, FileCloser>;
+
+// fopen that retries on EINTR; null with errno set on failure.
+FilePtr open_file(const char *path, const char *mode);
+
+// True when path exists and is a directory.
+bool is_directory(const char *path);
+
+// Reads a stream line by line.  A line is the bytes up to and including its
+// newline (the last one may lack it) and may be of any length or hold NUL
+// bytes.  The view stays valid until the next call.
+class LineReader {
+public:
+    explicit LineReader(FILE *stream) noexcept : stream_(stream) {}
+    ~LineReader() { std::free(buffer_); }
+    LineReader(const LineReader &) = delete;
+    LineReader &operator=(const LineReader &) = delete;
+
+    // Next line, or false at the end of the file or on a read error (tell
+    // them apart with failed()).  Throws std::bad_alloc when out of memory.
+    bool next(std::string_view &line);
+    bool failed() const noexcept { return std::ferror(stream_) != 0; }
+
+private:
+    FILE *stream_;
+    char *buffer_ = nullptr;
+    std::size_t capacity_ = 0;
+};
+
+// A line without its newline (and a CR before it).
+std::string_view chomp(std::string_view line) noexcept;
+
+// Writes a complete new copy of a file next to it and puts it in the file's
+// place only when every byte reached the disk:
+//   Twin twin(path);
+//   if (!twin.open()) return -1;             // ERR_OPEN_FAILED set
+//   twin.write(...); ...
+//   if (!twin.commit()) return -1;           // ERR_WRITE_FAILED set
+// The twin takes the owner and mode of the file it replaces before a byte
+// is written, so a private file is never readable by others, not even for
+// a moment.  commit() flushes and fsyncs the twin, renames it over the
+// target and fsyncs the directory, so a crash at any point leaves either
+// the old file or the new one.  A twin that was not committed is removed.
+class Twin {
+public:
+    // The twin is "<target>.tmp" unless another path is given.
+    explicit Twin(std::string target, std::string twin_path = {});
+    ~Twin();
+    Twin(const Twin &) = delete;
+    Twin &operator=(const Twin &) = delete;
+
+    bool open();
+    FILE *stream() const noexcept { return stream_; }
+    // Appends bytes; a failure is remembered and reported by commit().
+    bool write(std::string_view text);
+    bool ok() const noexcept { return ok_; }
+    // Flush, fsync, close, rename, fsync the directory.  false with
+    // ERR_WRITE_FAILED on any failure; the target is then unchanged.
+    bool commit();
+    // Flush, fsync and close the twin without renaming it; the caller
+    // moves it into place (and the twin is no longer removed).
+    bool finish();
+    const std::string &path() const noexcept { return twin_; }
+    const std::string &target() const noexcept { return target_; }
+
+private:
+    std::string target_;
+    std::string twin_;
+    FILE *stream_ = nullptr;
+    bool ok_ = true;
+    bool done_ = false;
+};
+
+// fsyncs the directory that holds path, so a rename in it is durable.
+bool sync_parent_directory(const std::string &path);
+
+// Flushes a stream and fsyncs its descriptor (EINVAL from a descriptor that
+// cannot be synced, such as a pipe, is not a failure).
+bool flush_and_sync(FILE *stream);
+
+// Copies the lines of `in` into `twin` under the caller's control:
+//   each(line, twin) -> bool    writes whatever stands in the line's place
+//                               (false: failure, error code already set)
+//   done(twin, ended) -> int    may append; `ended` tells whether the last
+//                               line had its newline.  -1 failure, 0 leave
+//                               the file as it was, 1 put the twin in place
+// Returns done's result, or -1 with read_error when reading fails.
+template <class Each, class Done>
+int copy_lines(FILE *in, Twin &twin, Each &&each, Done &&done, int read_error)
+{
+    LineReader reader(in);
+    std::string_view line;
+    bool ended = true;
+    while (reader.next(line)) {
+        ended = line.back() == '\n';
+        if (!each(line, twin))
+            return -1;
+    }
+    if (reader.failed())
+        return fail(-1, read_error);
+    if (!twin.ok())
+        return fail(-1, ERR_WRITE_FAILED);
+    return done(twin, ended);
+}
+
+// Rewrites the file at path, already open for reading as `in`, through its
+// twin with copy_lines, and commits when done() asks for it.
+template <class Each, class Done>
+int rewrite_file(FILE *in, const char *path, Each &&each, Done &&done,
+                 int read_error = ERR_WRITE_FAILED)
+{
+    Twin twin(path);
+    if (!twin.open())
+        return -1;
+    const int result = copy_lines(in, twin, each, done, read_error);
+    if (result == 1 && !twin.commit())
+        return -1;
+    return result;
+}
+
+// Same, opening path first (ERR_OPEN_FAILED when it cannot be read).
+template <class Each, class Done>
+int rewrite_file(const char *path, Each &&each, Done &&done, int read_error = ERR_WRITE_FAILED)
+{
+    FilePtr in = open_file(path, "r");
+    if (!in)
+        return fail(-1, ERR_OPEN_FAILED);
+    return rewrite_file(in.get(), path, each, done, read_error);
+}
+
+// Creates a file that does not exist yet with the given content, through a
+// twin so that it appears complete or not at all.  false with the error
+// code set.
+bool create_file(const char *path, std::string_view content);
+
+// Appends text at the end of an open stream, in place, and syncs it.  Should
+// the disk fill up halfway, the file is cut back to its old length rather
+// than left with half a line.  false with ERR_WRITE_FAILED.
+bool append_in_place(FILE *stream, std::string_view text);
+
+// The "key=value" line format of the settings writers: "%s", "=", "%s" and a
+// newline in that order, no other conversion but "%%".  It is expanded here,
+// never handed to printf.
+class PairFormat {
+public:
+    // false for a format that breaks those rules.
+    bool parse(std::string_view format);
+    // format (NULL: "%s=%s\n") parsed, or false.
+    bool parse_or_default(const char *format) { return parse(format ? format : "%s=%s\n"); }
+    std::string line(std::string_view key, std::string_view value) const;
+
+private:
+    std::string lead_, middle_, tail_;
+};
+
+} // namespace kemo
