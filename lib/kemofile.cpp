@@ -3,6 +3,7 @@
 // once it is complete on disk.  Lines a function does not own are copied
 // byte for byte.
 #include "kemo_io.hpp"
+#include "kemo_process.hpp"
 
 #include <algorithm>
 #include <cstring>
@@ -499,6 +500,48 @@ KEMO_API int KLIBFileReplaceSubStr(const char *path, const char *from, const cha
             },
             [&](kemo::Twin &, bool) { return replaced > 0 ? 1 : 0; });
         return result < 0 ? -1 : replaced;
+    });
+}
+
+KEMO_API int KLIBFileComment(const char *path, const char *key)
+{
+    if (path == nullptr || key == nullptr)
+        return fail(-1, ERR_BAD_PARAMETERS);
+    return kemo::edge(-1, [&] {
+        // The new copy is made as a scratch file in /etc/skel and moved
+        // over the file with mv, which also crosses file systems.
+        static constexpr const char *dir = "/etc/skel";
+        static constexpr const char *name = "tempErrKLIBFileComment";
+        const auto move = kemo::shell_command("/bin/mv -f %s/%s %s > /dev/null 2>&1", {dir, name, path});
+        if (!move)
+            return fail(-1, ERR_BAD_PARAMETERS);
+        kemo::FilePtr in = kemo::open_file(path, "r");
+        if (!in)
+            return fail(-1, ERR_OPEN_FAILED);
+        kemo::Twin twin(path, std::string(dir) + "/" + name);
+        if (!twin.open())
+            return -1;
+        int count = 0;
+        const int result = kemo::copy_lines(
+            in.get(), twin,
+            [&](std::string_view line, kemo::Twin &t) {
+                if (key_matches(line, key)) {
+                    t.write("#");
+                    ++count;
+                }
+                return t.write(line), true;
+            },
+            [&](kemo::Twin &, bool) { return count > 0 ? 1 : 0; }, ERR_WRITE_FAILED);
+        if (result <= 0)
+            return result == 0 ? fail(0, ERR_KEY_NOT_FOUND) : -1;
+        if (!twin.finish())
+            return -1;
+        if (kemo::exit_code(kemo::shell_run(*move)) != 0) {
+            ::unlink(twin.path().c_str());
+            return fail(-1, ERR_WRITE_FAILED);
+        }
+        kemo::sync_parent_directory(path);
+        return count;
     });
 }
 

@@ -319,11 +319,17 @@ TEST_F(KeyFile, WholeLineFunctions)
 
     EXPECT_EQ(KLIBFileReplaceSubStr(path.c_str(), "3", "three"), 1);
     EXPECT_EQ(read_file(path), "a=1\nb=two\n#b=3\nc=three\nd=4\n") << "comments are not edited";
-    EXPECT_EQ(KLIBFileIInverse(path.c_str()), 5);
-    EXPECT_EQ(read_file(path), "d=4\nc=three\n#b=3\nb=two\na=1\n");
-    EXPECT_EQ(KLIBFileMatchLineNo(path.c_str(), "=t", 0), 2);
-    EXPECT_EQ(KLIBFileMatchLineNo(path.c_str(), "=t", 1), 4);
-    EXPECT_EQ(KLIBFileMatchLineNo(path.c_str(), "B=", 0x400), 4) << "comment lines never match";
+    EXPECT_EQ(KLIBFileComment(path.c_str(), "c"), 1);
+    EXPECT_EQ(KLIBFileComment(path.c_str(), "c"), 0);
+    EXPECT_EQ(read_file(path), "a=1\nb=two\n#b=3\n#c=three\nd=4\n");
+    EXPECT_FALSE(exists("/etc/skel/tempErrKLIBFileComment"));
+    ASSERT_EQ(KLIBFileReplaceSubStr(path.c_str(), "#c", "c"), 0) << "comments are not edited";
+    ASSERT_EQ(KLIBFileSetLineByKey(path.c_str(), "#c", "c=three"), 1) << "nor matched by key";
+    EXPECT_EQ(KLIBFileIInverse(path.c_str()), 6);
+    EXPECT_EQ(read_file(path), "c=three\nd=4\n#c=three\n#b=3\nb=two\na=1\n");
+    EXPECT_EQ(KLIBFileMatchLineNo(path.c_str(), "=t", 0), 1);
+    EXPECT_EQ(KLIBFileMatchLineNo(path.c_str(), "=t", 1), 5);
+    EXPECT_EQ(KLIBFileMatchLineNo(path.c_str(), "B=", 0x400), 5) << "comment lines never match";
 }
 
 TEST_F(KeyFile, MergeListAndNames)

@@ -6,6 +6,16 @@
 //   kemoctl list [--sort none|byte|case] [--at INDEX TEXT]... [--find TEXT] ITEM...
 //   kemoctl setop or|and|sub [--sort byte|case] A1,A2,... B1,B2,...
 //   kemoctl hash [--get KEY] [--remove KEY] KEY=VALUE...
+//   kemoctl get FILE KEY [--last]         the value of a key in a settings file
+//   kemoctl set FILE KEY VALUE [--quote]  sets a key (replaced in place or added)
+//   kemoctl unset FILE KEY                removes every line of a key
+//   kemoctl sections FILE                 the section names of a [section] file
+//   kemoctl section FILE NAME             the keys of one section
+//   kemoctl section-set FILE NAME KEY=VALUE...   sets keys (adds the section)
+//   kemoctl section-remove FILE NAME      removes a section (its comments stay)
+//
+// Changes to a file are made under its lock: the file-sharing lock for
+// /usr/kemo/etc/smb.conf, the settings lock for every other file.
 //
 // Exit status: 0 on success, 1 when the library reports a failure (its error
 // name is printed on standard error), 2 on a usage error.
@@ -282,6 +292,144 @@ int cmd_hash(const Args &args)
 
 int cmd_help(const Args &);
 
+
+// The configuration lock that guards a settings file.
+int lock_mask_for(std::string_view path)
+{
+    return path == "/usr/kemo/etc/smb.conf" ? KLIB_LOCK_SMB : KLIB_LOCK_KEMOINFO;
+}
+
+// Runs change() with the file's lock held exclusively.
+template <class Change>
+int locked(std::string_view path, Change change)
+{
+    const int mask = lock_mask_for(path);
+    if (ErrKLIBFileLock(mask | KLIB_LOCK_EX, 10) != 0)
+        return -1;
+    const int result = change();
+    const int code = KLIBErrGet();
+    ErrKLIBFileUnlock(mask);
+    KLIBErrSet(code);
+    return result;
+}
+
+int cmd_get(const Args &args)
+{
+    const Parsed p = parse_args(args, {{"--last", 0}});
+    if (!p.error.empty() || p.words.size() != 2)
+        return usage_error("get needs FILE KEY");
+    const std::string path(p.words[0]), key(p.words[1]);
+    const int flags = p.options.empty() ? 0 : 1;
+    const int size = KLIBFileGetKeyValue(path.c_str(), key.c_str(), nullptr, 0, flags);
+    if (size == 0 && KLIBErrGet() == ERR_KEY_NOT_FOUND) {
+        std::fprintf(stderr, "kemoctl: %s: no value for %s\n", path.c_str(), key.c_str());
+        return 1;
+    }
+    std::vector<char> value(size > 0 ? static_cast<std::size_t>(size) : 1);
+    if (size <= 0 || KLIBFileGetKeyValue(path.c_str(), key.c_str(), value.data(), size, flags) <= 0)
+        return library_failure("reading " + path);
+    std::printf("%s\n", value.data());
+    return 0;
+}
+
+int cmd_set(const Args &args)
+{
+    const Parsed p = parse_args(args, {{"--quote", 0}});
+    if (!p.error.empty() || p.words.size() != 3)
+        return usage_error("set needs FILE KEY VALUE");
+    const std::string path(p.words[0]), key(p.words[1]), value(p.words[2]);
+    const char *format = p.options.empty() ? nullptr : "%s=\"%s\"\n";
+    if (locked(path, [&] { return KLIBFileSetKeyValue(path.c_str(), key.c_str(), value.c_str(), format); }) != 1)
+        return library_failure("setting " + key);
+    return 0;
+}
+
+int cmd_unset(const Args &args)
+{
+    if (args.size() != 2)
+        return usage_error("unset needs FILE KEY");
+    const std::string path(args[0]), key(args[1]);
+    const int removed = locked(path, [&] { return KLIBFileRemoveKey(path.c_str(), key.c_str()); });
+    if (removed <= 0)
+        return library_failure("removing " + key);
+    std::printf("%d line(s) removed\n", removed);
+    return 0;
+}
+
+int cmd_sections(const Args &args)
+{
+    if (args.size() != 1)
+        return usage_error("sections needs FILE");
+    const std::string path(args[0]);
+    ListPtr list(PslKLIBSzListAlloc(0));
+    if (!list || growing(list, [&](PKLIBSZLIST *l) { return KLIBFileEnumSection(path.c_str(), l); }) < 0)
+        return library_failure("reading " + path);
+    for (int i = 0; i < list->nItem; ++i)
+        std::printf("%s\n", list->pszItem[i]);
+    return 0;
+}
+
+int cmd_section(const Args &args)
+{
+    if (args.size() != 2)
+        return usage_error("section needs FILE NAME");
+    const std::string path(args[0]), name(args[1]);
+    HashPtr hash(PshKLIBSzHashAlloc(0));
+    if (!hash || growing(hash, [&](PKLIBSZHASH *h) { return KLIBFileGetSection(path.c_str(), name.c_str(), h); }) < 0)
+        return library_failure("reading " + path);
+    if (KLIBSzHashPairNum(hash.get()) == 0) {
+        std::fprintf(stderr, "kemoctl: %s: no section [%s] (or it is empty)\n", path.c_str(), name.c_str());
+        return 1;
+    }
+    // Sorted by key, so that the output does not depend on hash slots.
+    std::vector<std::pair<std::string, std::string>> pairs;
+    for (int i = 0; i < hash->nSlot; ++i)
+        if (hash->rgSlot[i].pszKey != nullptr)
+            pairs.emplace_back(hash->rgSlot[i].pszKey, hash->rgSlot[i].pszValue);
+    std::sort(pairs.begin(), pairs.end());
+    std::printf("[%s]\n", name.c_str());
+    for (const auto &[key, value] : pairs)
+        std::printf("%s = %s\n", key.c_str(), value.c_str());
+    return 0;
+}
+
+int cmd_section_set(const Args &args)
+{
+    if (args.size() < 3)
+        return usage_error("section-set needs FILE NAME KEY=VALUE...");
+    const std::string path(args[0]), name(args[1]);
+    for (std::size_t i = 2; i < args.size(); ++i) {
+        const auto eq = args[i].find('=');
+        if (eq == std::string_view::npos || eq == 0)
+            return usage_error("'" + std::string(args[i]) + "' is not KEY=VALUE");
+    }
+    const int result = locked(path, [&] {
+        for (std::size_t i = 2; i < args.size(); ++i) {
+            const auto eq = args[i].find('=');
+            const std::string key(args[i].substr(0, eq)), value(args[i].substr(eq + 1));
+            if (ErrSetSecKeyVal(path.c_str(), name.c_str(), key.c_str(), value.c_str(), "\t%s=%s\n") < 0)
+                return -1;
+        }
+        return 0;
+    });
+    return result < 0 ? library_failure("setting section " + name) : 0;
+}
+
+int cmd_section_remove(const Args &args)
+{
+    if (args.size() != 2)
+        return usage_error("section-remove needs FILE NAME");
+    const std::string path(args[0]), name(args[1]);
+    const int found = locked(path, [&] { return ErrKLIBFileRemoveSection(path.c_str(), name.c_str()); });
+    if (found < 0)
+        return library_failure("removing section " + name);
+    if (found == 0) {
+        std::fprintf(stderr, "kemoctl: %s: no section [%s]\n", path.c_str(), name.c_str());
+        return 1;
+    }
+    return 0;
+}
+
 struct Command {
     std::string_view name;
     std::string_view usage;
@@ -295,6 +443,13 @@ constexpr Command kCommands[] = {
     {"list", "list [--sort none|byte|case] [--at INDEX TEXT]... [--find TEXT] ITEM...", cmd_list},
     {"setop", "setop or|and|sub [--sort none|byte|case] A1,A2,... B1,B2,...", cmd_setop},
     {"hash", "hash [--get KEY]... [--remove KEY]... KEY=VALUE...", cmd_hash},
+    {"get", "get FILE KEY [--last]", cmd_get},
+    {"set", "set FILE KEY VALUE [--quote]", cmd_set},
+    {"unset", "unset FILE KEY", cmd_unset},
+    {"sections", "sections FILE", cmd_sections},
+    {"section", "section FILE NAME", cmd_section},
+    {"section-set", "section-set FILE NAME KEY=VALUE...", cmd_section_set},
+    {"section-remove", "section-remove FILE NAME", cmd_section_remove},
     {"help", "help", cmd_help},
 };
 

@@ -26,6 +26,23 @@ echo "== String hashes: set, replace, remove, look up"
 step kemoctl hash hostname=kemo-nas workgroup=WORKGROUP hostname=nas2 --remove workgroup --get hostname
 
 echo
+echo "== Settings files: read, change and remove keys (comments and other lines stay as they were)"
+step kemoctl get /etc/kemoinfo.conf codepage
+step kemoctl set --quote /etc/kemoinfo.conf codepage 1252
+step get_key_value /etc/kemoinfo.conf codepage
+step set_key_value /etc/kemoinfo.conf timezone Europe/Paris
+step grep -n -e codepage -e timezone /etc/kemoinfo.conf
+step kemoctl unset /etc/kemoinfo.conf timezone
+
+echo
+echo "== Sections of the file-sharing configuration"
+step kemoctl sections /usr/kemo/etc/smb.conf
+step kemoctl section /usr/kemo/etc/smb.conf photo
+step kemoctl section-set /usr/kemo/etc/smb.conf music "path=/volume1/music" "comment=Music"
+step kemoctl section-remove /usr/kemo/etc/smb.conf photo
+step cat /usr/kemo/etc/smb.conf
+
+echo
 echo "== The factory appliance this tour runs on"
 step head -n 3 /etc/passwd
 step ls -l /etc/shadow /usr/kemo/etc/smb.conf

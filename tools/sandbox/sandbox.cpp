@@ -236,6 +236,32 @@ bool make_dev(const std::string &dev, std::string *why) {
     return true;
 }
 
+// The appliance's own programs that the library runs by absolute path (such
+// as /bin/get_key_value) stand in the sandbox as links to the freshly built
+// ones: "BUILT:/PATH|..." from the build.
+bool install_programs(const std::string &root, std::string *why) {
+#ifdef KEMO_SANDBOX_PROGRAMS
+    std::string_view rest = KEMO_SANDBOX_PROGRAMS;
+    while (!rest.empty()) {
+        const std::size_t end = std::min(rest.find('|'), rest.size());
+        const std::string_view entry = rest.substr(0, end);
+        rest.remove_prefix(std::min(end + 1, rest.size()));
+        const std::size_t colon = entry.rfind(":/");
+        if (colon == std::string_view::npos) continue;
+        const std::string target = root + std::string(entry.substr(colon + 1));
+        const std::string built(entry.substr(0, colon));
+        ::unlink(target.c_str());
+        if (!make_parents(target, why)) return false;
+        if (::symlink(built.c_str(), target.c_str()) != 0)
+            return fail_errno(why, "link " + target, errno);
+    }
+#else
+    (void)root;
+    (void)why;
+#endif
+    return true;
+}
+
 bool install_factory(const std::string &root, std::string *why) {
     for (const FactoryFile &f : factory()) {
         const std::string path = root + std::string(f.path);
@@ -247,7 +273,7 @@ bool install_factory(const std::string &root, std::string *why) {
             return false;
         }
     }
-    return true;
+    return install_programs(root, why);
 }
 
 // The working directory and the directories named in KEMO_SANDBOX_EXPOSE
