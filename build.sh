@@ -3,7 +3,8 @@
 #   ./build.sh demo    install what is needed, build, and tour the library
 #                      on a sandboxed factory appliance
 #   ./build.sh test    install what is needed, build, and run the whole test
-#                      suite, once plainly and once under ASan+UBSan
+#                      suite, once plainly and once under ASan+UBSan, then
+#                      a short run of every fuzz target
 #   ./build.sh bench   install, build (Release) and run the benchmarks
 #   ./build.sh deps    only install the packages
 set -euo pipefail
@@ -16,6 +17,10 @@ packages=(
     libicu-dev libnet1-dev libcrypt-dev nettle-dev
     libgtest-dev libgmock-dev libbenchmark-dev
 )
+# The fuzz targets are built with clang and its libFuzzer runtime.
+test_packages=(clang libclang-rt-14-dev)
+# The tools the benchmarks compare against.
+bench_packages=(augeas-tools crudini git)
 
 need_root() {
     if [ "$(id -u)" -ne 0 ]; then
@@ -24,10 +29,10 @@ need_root() {
     fi
 }
 
-deps() {
+deps() { # deps [extra packages...]
     need_root
     local missing=()
-    for p in "${packages[@]}"; do
+    for p in "${packages[@]}" "$@"; do
         dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
     done
     if [ ${#missing[@]} -gt 0 ]; then
@@ -56,14 +61,25 @@ demo)
     exec build/tools/sandbox/kemo-sandbox -- env PATH="$top/build/tools:$PATH" sh "$top/tools/tour.sh"
     ;;
 test)
-    deps
+    deps "${test_packages[@]}"
     build build
     (cd build && ctest -j"$jobs" --output-on-failure)
     build build-asan -DKEMO_SANITIZE=ON -DKEMO_BUILD_BENCH=OFF
     (cd build-asan && ctest -j"$jobs" --output-on-failure)
+    # A short fuzzing run from the saved corpus (new inputs go to a scratch
+    # directory; an input that finds a fault is kept to be added to the
+    # corpus, and fails the run).
+    CC=clang CXX=clang++ build build-fuzz -DKEMO_BUILD_FUZZ=ON
+    for target in build-fuzz/fuzz/fuzz_*; do
+        name=${target##*/fuzz_}
+        scratch=$(mktemp -d)
+        "$target" -max_total_time="${KEMO_FUZZ_SECONDS:-30}" -artifact_prefix="build-fuzz/" \
+            "$scratch" "fuzz/corpus/$name"
+        rm -rf "$scratch"
+    done
     ;;
 bench)
-    deps
+    deps "${bench_packages[@]}"
     build build-release -DCMAKE_BUILD_TYPE=Release -DKEMO_BUILD_TESTS=OFF
     export KEMO_SANDBOX_EXPOSE="$top"
     for b in build-release/bench/bench_*; do
@@ -73,7 +89,7 @@ bench)
     done
     ;;
 *)
-    sed -n '2,9p' "$0" | sed 's/^# \{0,1\}//'
+    sed -n '2,10p' "$0" | sed 's/^# \{0,1\}//'
     exit 2
     ;;
 esac
