@@ -1,62 +1,176 @@
-// Unicode text handling on ICU: case-insensitive comparison of UTF-8 names
-// through a collator that is opened once and cached for the process.
+// Unicode text handling on ICU: code-page conversion through converters
+// cached per code-page index, counting, cutting and upper-casing UTF-8 by
+// characters, case-insensitive comparison through a cached collator, and
+// the code-page settings of /etc/kemoinfo.conf.
 #include "kemo_internal.hpp"
 
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
 #include <optional>
 #include <string>
+#include <string_view>
 
+#include <unicode/ucnv.h>
 #include <unicode/ucol.h>
+#include <unicode/utf8.h>
 #include <unicode/ustring.h>
 
 namespace {
 
-// The library's current locale; empty is ICU's root locale.
-std::string g_locale;
-UCollator *g_collator = nullptr;
+constexpr const char *kSettingsFile = "/etc/kemoinfo.conf";
+constexpr const char *kSmbConf = "/usr/kemo/etc/smb.conf";
+
+// ICU converter of each converter index.  The indexes 1..32 follow the
+// settings values of rgszSysConfCPValues; several settings share one table
+// (every Mac western value uses Mac Roman with the euro sign, for example).
+// ICU has no Mac Japanese, Mac Korean or Mac Chinese converters; those Mac
+// encodings are extensions of Shift_JIS, EUC-KR, EUC-CN (GB 2312) and Big5,
+// so these standard converters stand in for them.  Canonical ICU names are
+// used because several common aliases (windows-1252, Shift_JIS) are
+// ambiguous in ICU's alias table.
+constexpr std::array<const char *, KLIB_CONVERTER_COUNT> kConverterNames = {
+    "UTF-8",                     //  0 "8"
+    "ibm-437_P100-1995",         //  1 "437"   DOS US (cp437)
+    "ibm-737_P100-1997",         //  2 "737"   DOS Greek
+    "ibm-850_P100-1995",         //  3 "850"   DOS Western Europe
+    "ibm-852_P100-1995",         //  4 "852"   DOS Latin 2
+    "ibm-861_P100-1995",         //  5 "861"   DOS Icelandic
+    "ibm-866_P100-1995",         //  6 "866"   DOS Cyrillic
+    "ibm-943_P15A-2003",         //  7 "932"   Windows Japanese (cp932)
+    "windows-936-2000",          //  8 "936"   Windows Simplified Chinese (GBK)
+    "windows-949-2000",          //  9 "949"   Windows Korean (UHC)
+    "windows-950-2000",          // 10 "950"   Windows Traditional Chinese (Big5)
+    "ibm-5346_P100-1998",        // 11 "1250"  windows-1250
+    "ibm-5347_P100-1998",        // 12 "1251"  windows-1251
+    "ibm-5348_P100-1997",        // 13 "1252"  windows-1252
+    "ibm-5349_P100-1998",        // 14 "1253"  windows-1253
+    "macos-0_2-10.2",            // 15 "1437"  Mac Roman (with euro)
+    "macos-6_2-10.4",            // 16 "1737"  Mac Greek
+    "macos-0_2-10.2",            // 17 "1850"  Mac Roman
+    "macos-0_2-10.2",            // 18 "1852"  Mac Roman
+    "macos-0_2-10.2",            // 19 "1861"  Mac Roman
+    "macos-7_3-10.2",            // 20 "1866"  Mac Cyrillic
+    "ibm-943_P15A-2003",         // 21 "1932"  Mac Japanese: Shift_JIS stands in
+    "ibm-1383_P110-1999",        // 22 "1936"  Mac Simplified Chinese: EUC-CN stands in
+    "ibm-970_P110_P110-2006_U2", // 23 "1949"  Mac Korean: EUC-KR stands in
+    "windows-950-2000",          // 24 "1950"  Mac Traditional Chinese: Big5 stands in
+    "macos-0_2-10.2",            // 25 "11250" Mac Roman
+    "macos-7_3-10.2",            // 26 "11251" Mac Cyrillic
+    "macos-0_2-10.2",            // 27 "11252" Mac Roman
+    "macos-6_2-10.4",            // 28 "11253" Mac Greek
+    "euc-jp-2007",               // 29 "2932"  EUC-JP
+    "ibm-1383_P110-1999",        // 30 "2936"  EUC-CN
+    "ibm-970_P110_P110-2006_U2", // 31 "2949"  EUC-KR
+    "euc-tw-2014",               // 32 "2950"  EUC-TW
+    "UTF-16",                    // 33
+};
+
+constexpr std::array<std::string_view, 11> kLocales = {
+    "", "de_DE", "en_US", "es_ES", "fr_FR", "it_IT", "ja_JP", "ko_KR", "pt_BR", "zh__PINYIN", "zh_TW_STROKE",
+};
+
+// Process caches: converters and the collator live until exit.
+struct Caches {
+    std::array<UConverter *, KLIB_CONVERTER_COUNT> converters{};
+    UCollator *collator = nullptr;
+    std::string locale; // empty: ICU's root locale
+    bool locale_checked = false;
+
+    void drop_collator()
+    {
+        if (collator != nullptr)
+            ucol_close(collator);
+        collator = nullptr;
+    }
+    Caches() = default;
+    Caches(const Caches &) = delete;
+    Caches &operator=(const Caches &) = delete;
+    ~Caches()
+    {
+        drop_collator();
+        for (UConverter *&c : converters) {
+            if (c != nullptr)
+                ucnv_close(c);
+            c = nullptr;
+        }
+    }
+};
+Caches g_cache;
+
+bool accepted_locale(std::string_view name)
+{
+    return std::find(kLocales.begin(), kLocales.end(), name) != kLocales.end();
+}
+
+// The current locale name after the one-time check; nullptr (code set)
+// when it is not an accepted name.
+const char *checked_locale(bool force)
+{
+    if (force || !g_cache.locale_checked) {
+        if (!accepted_locale(g_cache.locale))
+            return kemo::fail<const char *>(nullptr, ERR_KEY_NOT_FOUND);
+        g_cache.locale_checked = true;
+    }
+    return g_cache.locale.c_str();
+}
 
 UCollator *cached_collator()
 {
-    if (g_collator == nullptr) {
+    if (g_cache.collator == nullptr) {
+        const char *locale = checked_locale(false);
+        if (locale == nullptr)
+            return nullptr;
         UErrorCode status = U_ZERO_ERROR;
-        UCollator *c = ucol_open(g_locale.c_str(), &status);
+        UCollator *c = ucol_open(locale, &status);
         if (U_FAILURE(status)) {
             if (c != nullptr)
                 ucol_close(c);
-            KLIBErrSet(ERR_OPEN_FAILED);
-            return nullptr;
+            return kemo::fail<UCollator *>(nullptr, ERR_OPEN_FAILED);
         }
-        g_collator = c;
+        g_cache.collator = c;
     }
-    return g_collator;
+    return g_cache.collator;
 }
 
-// UTF-8 to UTF-16; nullopt when the input is not valid UTF-8.
-std::optional<std::u16string> to_utf16(const char *utf8)
+UConverter *cached_converter(int index)
 {
-    UErrorCode status = U_ZERO_ERROR;
-    int32_t needed = 0;
-    u_strFromUTF8(nullptr, 0, &needed, utf8, -1, &status);
-    if (status != U_BUFFER_OVERFLOW_ERROR && U_FAILURE(status))
-        return std::nullopt;
-    std::u16string out(static_cast<std::size_t>(needed), u'\0');
-    status = U_ZERO_ERROR;
-    u_strFromUTF8(out.data(), needed, nullptr, utf8, -1, &status);
-    if (U_FAILURE(status))
-        return std::nullopt;
-    return out;
+    if (index < 0 || index >= KLIB_CONVERTER_COUNT)
+        return kemo::fail<UConverter *>(nullptr, ERR_BAD_PARAMETERS);
+    UConverter *&slot = g_cache.converters[static_cast<std::size_t>(index)];
+    if (slot == nullptr) {
+        UErrorCode status = U_ZERO_ERROR;
+        UConverter *c = ucnv_open(kConverterNames[static_cast<std::size_t>(index)], &status);
+        if (U_FAILURE(status) || c == nullptr) {
+            if (c != nullptr)
+                ucnv_close(c);
+            return kemo::fail<UConverter *>(nullptr, ERR_OPEN_FAILED);
+        }
+        slot = c;
+    }
+    return slot;
 }
 
-// Full upper-case mapping in the current locale (one code point may become
-// several, as sharp s becomes SS).
-std::optional<std::u16string> to_upper(const std::u16string &text)
+int32_t as_length(std::size_t n)
 {
-    std::u16string out(text.size() + 8, u'\0');
+    if (n >= static_cast<std::size_t>(INT32_MAX))
+        throw std::bad_alloc(); // beyond the int32_t lengths of ICU
+    return static_cast<int32_t>(n);
+}
+
+// Runs an ICU function that fills a buffer of a given capacity, growing the
+// buffer once to the length ICU asks for.  nullopt on ICU failure.
+template <class Text, class Fill>
+std::optional<Text> fill_buffer(std::size_t first_capacity, Fill &&fill)
+{
+    Text out(first_capacity, typename Text::value_type{});
     for (int attempt = 0; attempt < 2; ++attempt) {
         UErrorCode status = U_ZERO_ERROR;
-        const int32_t n = u_strToUpper(out.data(), static_cast<int32_t>(out.size()), text.data(),
-                                       static_cast<int32_t>(text.size()), g_locale.c_str(), &status);
-        if (status == U_BUFFER_OVERFLOW_ERROR) {
-            out.assign(static_cast<std::size_t>(n), u'\0');
+        const int32_t n = fill(out.data(), as_length(out.size()), &status);
+        if (status == U_BUFFER_OVERFLOW_ERROR || status == U_STRING_NOT_TERMINATED_WARNING) {
+            out.assign(static_cast<std::size_t>(n) + 1, typename Text::value_type{});
             continue;
         }
         if (U_FAILURE(status))
@@ -67,17 +181,110 @@ std::optional<std::u16string> to_upper(const std::u16string &text)
     return std::nullopt;
 }
 
+// UTF-8 to UTF-16; nullopt when the input is not valid UTF-8.
+std::optional<std::u16string> utf8_to_utf16(std::string_view utf8)
+{
+    return fill_buffer<std::u16string>(utf8.size() + 1, [&](UChar *buf, int32_t cap, UErrorCode *st) {
+        int32_t n = 0;
+        u_strFromUTF8(buf, cap, &n, utf8.data(), as_length(utf8.size()), st);
+        return n;
+    });
+}
+
+// UTF-16 to UTF-8; nullopt for unpaired surrogates.
+std::optional<std::string> utf16_to_utf8(std::u16string_view text)
+{
+    return fill_buffer<std::string>(6 * text.size() + 1, [&](char *buf, int32_t cap, UErrorCode *st) {
+        int32_t n = 0;
+        u_strToUTF8(buf, cap, &n, text.data(), as_length(text.size()), st);
+        return n;
+    });
+}
+
+std::optional<std::u16string> codepage_to_utf16(UConverter *conv, std::string_view bytes)
+{
+    return fill_buffer<std::u16string>(2 * bytes.size() + 1, [&](UChar *buf, int32_t cap, UErrorCode *st) {
+        return ucnv_toUChars(conv, buf, cap, bytes.data(), as_length(bytes.size()), st);
+    });
+}
+
+std::optional<std::string> utf16_to_codepage(UConverter *conv, std::u16string_view text)
+{
+    // One more character's worth for a byte order mark.
+    const std::size_t capacity = (text.size() + 1) * static_cast<std::size_t>(ucnv_getMaxCharSize(conv)) + 1;
+    return fill_buffer<std::string>(capacity, [&](char *buf, int32_t cap, UErrorCode *st) {
+        return ucnv_fromUChars(conv, buf, cap, text.data(), as_length(text.size()), st);
+    });
+}
+
+// Full upper-case mapping in the current locale (one code point may become
+// several, as sharp s becomes SS).
+std::optional<std::u16string> to_upper(std::u16string_view text)
+{
+    const std::string &locale = g_cache.locale;
+    return fill_buffer<std::u16string>(text.size() + 8, [&](UChar *buf, int32_t cap, UErrorCode *st) {
+        return u_strToUpper(buf, cap, text.data(), as_length(text.size()), locale.c_str(), st);
+    });
+}
+
+// Hands a result to the caller: its length is returned; it is copied with
+// its terminator only when length < size, otherwise dst becomes "" (size 0
+// only measures and leaves dst alone).
+int deliver(const std::optional<std::string> &result, char *dst, int size)
+{
+    if (!result)
+        return kemo::fail(-1, ERR_UNKNOWN);
+    const std::size_t length = result->size();
+    if (length > static_cast<std::size_t>(INT32_MAX))
+        return kemo::fail(-1, ERR_OUT_OF_MEMORY);
+    if (size > 0) {
+        if (length < static_cast<std::size_t>(size)) {
+            std::memcpy(dst, result->data(), length);
+            dst[length] = '\0';
+        } else {
+            dst[0] = '\0';
+        }
+    }
+    return static_cast<int>(length);
+}
+
+bool bad_buffer(const void *src, const char *dst, int size)
+{
+    return src == nullptr || size < 0 || (dst == nullptr && size > 0);
+}
+
+// Settings key of a code-page kind; nullptr for an unknown kind.
+const char *codepage_key(int kind)
+{
+    switch (kind) {
+    case KLIB_CP_KIND_SMB:
+        return "codepage";
+    case KLIB_CP_KIND_APPLE:
+        return "codepage_apple";
+    case KLIB_CP_KIND_MEDIASERVICE:
+        return "codepage_mediaservice";
+    default:
+        return nullptr;
+    }
+}
+
 } // namespace
 
 extern "C" {
+
+const char *const rgszSysConfCPValues[KLIB_CODEPAGE_COUNT] = {
+    "8",    "437",  "737",  "850",  "852",  "861",   "866",   "932",   "936",   "949",   "950",
+    "1250", "1251", "1252", "1253", "1437", "1737",  "1850",  "1852",  "1861",  "1866",  "1932",
+    "1936", "1949", "1950", "11250", "11251", "11252", "11253", "2932", "2936", "2949", "2950",
+};
 
 KEMO_API int KLIBUnicodeUTF8StrCaseCmp(const char *a, const char *b)
 {
     return kemo::edge(-2, [&] {
         if (a == nullptr || b == nullptr)
             return kemo::fail(-2, ERR_BAD_PARAMETERS);
-        const auto ua = to_utf16(a);
-        const auto ub = to_utf16(b);
+        const auto ua = utf8_to_utf16(a);
+        const auto ub = utf8_to_utf16(b);
         if (!ua || !ub)
             return kemo::fail(-2, ERR_UNKNOWN);
         const auto upper_a = to_upper(*ua);
@@ -87,8 +294,8 @@ KEMO_API int KLIBUnicodeUTF8StrCaseCmp(const char *a, const char *b)
         UCollator *collator = cached_collator();
         if (collator == nullptr)
             return -2;
-        switch (ucol_strcoll(collator, upper_a->data(), static_cast<int32_t>(upper_a->size()),
-                             upper_b->data(), static_cast<int32_t>(upper_b->size()))) {
+        switch (ucol_strcoll(collator, upper_a->data(), as_length(upper_a->size()), upper_b->data(),
+                             as_length(upper_b->size()))) {
         case UCOL_LESS:
             return -1;
         case UCOL_GREATER:
@@ -96,6 +303,63 @@ KEMO_API int KLIBUnicodeUTF8StrCaseCmp(const char *a, const char *b)
         default:
             return 0;
         }
+    });
+}
+
+KEMO_API int KLIBUnicodeUTF8StrCountChar(const char *s)
+{
+    return kemo::edge(-1, [&] {
+        if (s == nullptr)
+            return kemo::fail(-1, ERR_BAD_PARAMETERS);
+        const auto text = utf8_to_utf16(s);
+        if (!text)
+            return kemo::fail(-1, ERR_UNKNOWN);
+        return static_cast<int>(u_countChar32(text->data(), as_length(text->size())));
+    });
+}
+
+KEMO_API int KLIBUnicodeUTF8StrUpper(const char *src, char *dst, int size)
+{
+    return kemo::edge(-1, [&] {
+        if (bad_buffer(src, dst, size))
+            return kemo::fail(-1, ERR_BAD_PARAMETERS);
+        const auto text = utf8_to_utf16(src);
+        const auto upper = text ? to_upper(*text) : std::nullopt;
+        return deliver(upper ? utf16_to_utf8(*upper) : std::nullopt, dst, size);
+    });
+}
+
+KEMO_API int KLIBUnicodeIUTF16StrUpper(const uint16_t *src, int n, uint16_t **pdst)
+{
+    if (pdst != nullptr)
+        *pdst = nullptr;
+    if (src == nullptr || pdst == nullptr)
+        return kemo::fail(-1, ERR_BAD_PARAMETERS);
+    return kemo::edge(-1, [&] {
+        const auto *text = reinterpret_cast<const UChar *>(src);
+        const int32_t length = n < 0 ? u_strlen(text) : n;
+        // First attempt in a buffer of the input's size; grown once to what
+        // ICU reports when the mapping is longer.
+        int32_t capacity = length + 1;
+        for (int attempt = 0; attempt < 2; ++attempt) {
+            auto *out = static_cast<UChar *>(std::malloc(static_cast<std::size_t>(capacity) * sizeof(UChar)));
+            if (out == nullptr)
+                return kemo::fail(-1, ERR_OUT_OF_MEMORY);
+            UErrorCode status = U_ZERO_ERROR;
+            const int32_t needed = u_strToUpper(out, capacity, text, length, g_cache.locale.c_str(), &status);
+            if (status == U_BUFFER_OVERFLOW_ERROR || status == U_STRING_NOT_TERMINATED_WARNING) {
+                std::free(out);
+                capacity = needed + 1;
+                continue;
+            }
+            if (U_FAILURE(status)) {
+                std::free(out);
+                return kemo::fail(-1, ERR_UNKNOWN);
+            }
+            *pdst = reinterpret_cast<uint16_t *>(out);
+            return static_cast<int>(needed);
+        }
+        return kemo::fail(-1, ERR_UNKNOWN);
     });
 }
 
@@ -107,6 +371,177 @@ KEMO_API int KLIBUnicodeOpenCollator(void)
 KEMO_API int KLIBUnicodeCloseCollator(void)
 {
     return 1;
+}
+
+KEMO_API int KLIBUnicodeGetCodePage(int kind, int *index)
+{
+    const char *key = codepage_key(kind);
+    if (key == nullptr || index == nullptr)
+        return kemo::fail(-1, ERR_BAD_PARAMETERS);
+    char value[32];
+    if (KLIBFileGetKeyValue(kSettingsFile, key, value, sizeof value, 0) <= 0) {
+        // A value too long for the buffer is not one of the table's.
+        if (KLIBErrGet() == ERR_NOT_ENOUGH_MEMORY)
+            KLIBErrSet(ERR_KEY_NOT_FOUND);
+        return -1;
+    }
+    for (int i = 0; i < KLIB_CODEPAGE_COUNT; ++i) {
+        if (std::strcmp(rgszSysConfCPValues[i], value) == 0) {
+            *index = i;
+            return 1;
+        }
+    }
+    return kemo::fail(-1, ERR_KEY_NOT_FOUND);
+}
+
+KEMO_API int KLIBUnicodeSetCodePage(int kind, int index)
+{
+    if (index < 0 || index >= KLIB_CODEPAGE_COUNT ||
+        (kind != KLIB_CP_KIND_SMB && kind != KLIB_CP_KIND_APPLE))
+        return kemo::fail(-1, ERR_BAD_PARAMETERS);
+    if (KLIBFileSetKeyValue(kSettingsFile, codepage_key(kind), rgszSysConfCPValues[index], "%s=\"%s\"\n") < 0)
+        return -1;
+    return 1;
+}
+
+KEMO_API struct UConverter *PuconvKLIBUnicodeIOpenConvertor(int index)
+{
+    return cached_converter(index);
+}
+
+KEMO_API int KLIBUnicodeOpenConvertor(void)
+{
+    return 1;
+}
+
+KEMO_API int KLIBUnicodeCloseConvertor(void)
+{
+    return 1;
+}
+
+KEMO_API int KLIBUnicodeStrCPToUTF8(int index, const char *src, char *dst, int size)
+{
+    return kemo::edge(-1, [&] {
+        if (bad_buffer(src, dst, size))
+            return kemo::fail(-1, ERR_BAD_PARAMETERS);
+        if (index == 0)
+            return deliver(std::string(src), dst, size);
+        UConverter *conv = cached_converter(index);
+        if (conv == nullptr)
+            return -1;
+        const auto text = codepage_to_utf16(conv, src);
+        return deliver(text ? utf16_to_utf8(*text) : std::nullopt, dst, size);
+    });
+}
+
+KEMO_API int KLIBUnicodeStrUTF8ToCP(int index, const char *src, char *dst, int size)
+{
+    return kemo::edge(-1, [&] {
+        if (bad_buffer(src, dst, size))
+            return kemo::fail(-1, ERR_BAD_PARAMETERS);
+        if (index == 0)
+            return deliver(std::string(src), dst, size);
+        UConverter *conv = cached_converter(index);
+        if (conv == nullptr)
+            return -1;
+        const auto text = utf8_to_utf16(src);
+        return deliver(text ? utf16_to_codepage(conv, *text) : std::nullopt, dst, size);
+    });
+}
+
+KEMO_API int KLIBUnicodeStrUTF16ToUTF8(const uint16_t *src, char *dst, int size)
+{
+    return kemo::edge(-1, [&] {
+        if (bad_buffer(src, dst, size))
+            return kemo::fail(-1, ERR_BAD_PARAMETERS);
+        return deliver(utf16_to_utf8(reinterpret_cast<const UChar *>(src)), dst, size);
+    });
+}
+
+KEMO_API const char *SzKLIBUnicodeUTF8ForwardNChar(const char *s, int n)
+{
+    if (s == nullptr || n < 0)
+        return kemo::fail<const char *>(nullptr, ERR_BAD_PARAMETERS);
+    const std::size_t total = std::strlen(s);
+    if (total > static_cast<std::size_t>(INT32_MAX))
+        return kemo::fail<const char *>(nullptr, ERR_BAD_PARAMETERS);
+    const auto length = static_cast<int32_t>(total);
+    int32_t offset = 0;
+    for (int i = 0; i < n && offset < length; ++i) {
+        UChar32 c = 0;
+        U8_NEXT(s, offset, length, c);
+        if (c < 0)
+            return kemo::fail<const char *>(nullptr, ERR_UNKNOWN);
+    }
+    return s + offset;
+}
+
+KEMO_API int KLIBUnicodeUTF8ShortenStr(const char *src, int maxChars, const char *suffix, char *dst,
+                                       int size)
+{
+    if (src == nullptr || suffix == nullptr || dst == nullptr || maxChars < 0)
+        return kemo::fail(-1, ERR_BAD_PARAMETERS);
+    const std::size_t suffix_length = std::strlen(suffix);
+    const long long needed = 6LL * maxChars + static_cast<long long>(suffix_length) + 1;
+    if (size < needed) {
+        KEMO_LOG("buffer size %d is smaller than max_utf8_size %lld", size, needed);
+        return kemo::fail(-1, ERR_BAD_PARAMETERS);
+    }
+    const int count = KLIBUnicodeUTF8StrCountChar(src);
+    if (count < 0)
+        return -1;
+    if (count <= maxChars)
+        return 0;
+    const char *cut = SzKLIBUnicodeUTF8ForwardNChar(src, maxChars);
+    if (cut == nullptr) {
+        KEMO_LOG("failed to shorten name = %s, errno=[%X]", src, static_cast<unsigned>(KLIBErrGet()));
+        return -1;
+    }
+    // maxChars characters take at most 4 bytes each, so this fits.
+    const auto kept = static_cast<std::size_t>(cut - src);
+    std::memcpy(dst, src, kept);
+    std::memcpy(dst + kept, suffix, suffix_length + 1);
+    return 1;
+}
+
+KEMO_API int KLIBUnicodeIGetLocale(int force, const char **name)
+{
+    if (name == nullptr)
+        return kemo::fail(-1, ERR_BAD_PARAMETERS);
+    *name = g_cache.locale.c_str();
+    return checked_locale(force != 0) != nullptr ? 1 : -1;
+}
+
+KEMO_API int KLIBUnicodeSetLocale(const char *name)
+{
+    if (name == nullptr)
+        return kemo::fail(-1, ERR_BAD_PARAMETERS);
+    if (!accepted_locale(name))
+        return kemo::fail(-1, ERR_KEY_NOT_FOUND);
+    return kemo::edge(-1, [&] {
+        g_cache.locale = name;
+        g_cache.locale_checked = true;
+        g_cache.drop_collator();
+        return 1;
+    });
+}
+
+KEMO_API int KLIBUnicodeReInitLocale(void)
+{
+    g_cache.locale_checked = false;
+    g_cache.drop_collator();
+    return 1;
+}
+
+KEMO_API int BlKLIBIsDByte(void)
+{
+    char value[32];
+    if (KLIBFileGetKeyValue(kSmbConf, "client code page", value, sizeof value, 0) <= 0)
+        return 0;
+    for (const char *cp : {"932", "936", "949", "950"})
+        if (std::strcmp(value, cp) == 0)
+            return 1;
+    return 0;
 }
 
 } // extern "C"
