@@ -166,6 +166,13 @@ bool append_in_place(FILE *stream, std::string_view text)
     return fail(false, ERR_WRITE_FAILED);
 }
 
+int set_pair(PKLIBSZHASH *phash, const KeyValue &pair, std::string &scratch)
+{
+    scratch.assign(pair.key).push_back('\0');
+    scratch.append(pair.value);
+    return KLIBSzHashSetValue(phash, scratch.c_str(), scratch.c_str() + pair.key.size() + 1);
+}
+
 bool PairFormat::parse(std::string_view format)
 {
     lead_.clear();

@@ -45,6 +45,39 @@ private:
     std::size_t capacity_ = 0;
 };
 
+// Reads the file at path line by line: each(line) returns 1 to go on, 0 to
+// stop early, -1 to fail (with the error code set).  0 when the lines were
+// read (or reading was stopped), -1 with ERR_OPEN_FAILED, ERR_READ_FAILED or
+// each's code.
+template <class Each>
+int for_each_line(const char *path, Each &&each)
+{
+    FilePtr in = open_file(path, "r");
+    if (!in)
+        return fail(-1, ERR_OPEN_FAILED);
+    LineReader reader(in.get());
+    std::string_view line;
+    while (reader.next(line)) {
+        const int go_on = each(line);
+        if (go_on <= 0)
+            return go_on;
+    }
+    return reader.failed() ? fail(-1, ERR_READ_FAILED) : 0;
+}
+
+// A caller's line as it is written to a file: with its newline.
+inline std::string with_newline(std::string_view line)
+{
+    std::string text(line);
+    if (text.empty() || text.back() != '\n')
+        text += '\n';
+    return text;
+}
+
+// Sets a line's pair into a hash (scratch holds the NUL-terminated copies).
+// The result of KLIBSzHashSetValue.
+int set_pair(PKLIBSZHASH *phash, const KeyValue &pair, std::string &scratch);
+
 // A line without its newline (and a CR before it).
 std::string_view chomp(std::string_view line) noexcept;
 

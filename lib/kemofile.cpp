@@ -85,24 +85,17 @@ int get_by_key(const char *path, const char *key, char *buf, int size, int flags
     if (path == nullptr || key == nullptr || size < 0 || (buf == nullptr && size != 0) || flags < 0)
         return fail(-1, ERR_BAD_PARAMETERS);
     return kemo::edge(-1, [&] {
-        kemo::FilePtr in = kemo::open_file(path, "r");
-        if (!in)
-            return fail(-1, ERR_OPEN_FAILED);
         const std::string_view wanted(key);
         const bool last = (flags & 1) != 0;
         std::optional<std::string> found;
-        kemo::LineReader reader(in.get());
-        std::string_view line;
-        while (reader.next(line)) {
-            if (!key_matches(line, wanted))
-                continue;
-            const std::optional<std::string_view> answer = pick(line);
-            found = answer ? std::optional<std::string>(*answer) : std::nullopt;
-            if (!last)
-                break;
-        }
-        if (reader.failed())
-            return fail(-1, ERR_READ_FAILED);
+        if (kemo::for_each_line(path, [&](std::string_view line) {
+                if (!key_matches(line, wanted))
+                    return 1;
+                const std::optional<std::string_view> answer = pick(line);
+                found = answer ? std::optional<std::string>(*answer) : std::nullopt;
+                return last ? 1 : 0;
+            }) < 0)
+            return -1;
         if (!found)
             return fail(0, ERR_KEY_NOT_FOUND);
         const int needed = static_cast<int>(found->size()) + 1;
@@ -250,9 +243,7 @@ KEMO_API int KLIBFileSetLineByKey(const char *path, const char *key, const char 
     if (path == nullptr || key == nullptr || line == nullptr || kemo::is_directory(path))
         return fail(-1, ERR_BAD_PARAMETERS);
     return kemo::edge(-1, [&] {
-        std::string text(line);
-        if (text.empty() || text.back() != '\n')
-            text += '\n';
+        const std::string text = kemo::with_newline(line);
         return set_by_key(path, key, text, [&](std::string_view) { return text; });
     });
 }
@@ -305,9 +296,7 @@ KEMO_API int KLIBFileAddLineByKey(const char *path, const char *key, const char 
     if (path == nullptr || key == nullptr || line == nullptr || kemo::is_directory(path))
         return fail(-1, ERR_BAD_PARAMETERS);
     return kemo::edge(-1, [&] {
-        std::string text(line);
-        if (text.empty() || text.back() != '\n')
-            text += '\n';
+        const std::string text = kemo::with_newline(line);
         if (::access(path, F_OK) != 0 && errno == ENOENT)
             return kemo::create_file(path, text) ? 1 : -1;
         bool exists = false;
@@ -354,23 +343,12 @@ KEMO_API int KLIBFileGetPair(const char *path, PKLIBSZHASH *phash)
     if (path == nullptr || phash == nullptr || *phash == nullptr)
         return fail(-1, ERR_BAD_PARAMETERS);
     return kemo::edge(-1, [&] {
-        kemo::FilePtr in = kemo::open_file(path, "r");
-        if (!in)
-            return fail(-1, ERR_OPEN_FAILED);
-        kemo::LineReader reader(in.get());
-        std::string_view line;
-        std::string key, value;
-        while (reader.next(line)) {
-            const auto pair = kemo::split_pair(line);
-            if (!pair)
-                continue;
-            key.assign(pair->key);
-            value.assign(pair->value);
-            if (KLIBSzHashSetValue(phash, key.c_str(), value.c_str()) < 0)
-                return -1;
-        }
-        if (reader.failed())
-            return fail(-1, ERR_READ_FAILED);
+        std::string scratch;
+        if (kemo::for_each_line(path, [&](std::string_view line) {
+                const auto pair = kemo::split_pair(line);
+                return !pair ? 1 : kemo::set_pair(phash, *pair, scratch) < 0 ? -1 : 1;
+            }) < 0)
+            return -1;
         return KLIBSzHashPairNum(*phash);
     });
 }
@@ -434,22 +412,13 @@ KEMO_API int KLIBFileMergePairs(const char *dst, const char *src, const char *fo
         // The pairs of src in file order, first occurrence of each key.
         std::vector<std::pair<std::string, std::string>> pairs;
         std::unordered_set<std::string> seen;
-        {
-            kemo::FilePtr in = kemo::open_file(src, "r");
-            if (!in)
-                return fail(-1, ERR_OPEN_FAILED);
-            kemo::LineReader reader(in.get());
-            std::string_view line;
-            while (reader.next(line)) {
-                if (is_comment(line))
-                    continue;
-                const auto pair = kemo::split_pair(line);
+        if (kemo::for_each_line(src, [&](std::string_view line) {
+                const auto pair = is_comment(line) ? std::nullopt : kemo::split_pair(line);
                 if (pair && seen.emplace(pair->key).second)
                     pairs.emplace_back(pair->key, pair->value);
-            }
-            if (reader.failed())
-                return fail(-1, ERR_READ_FAILED);
-        }
+                return 1;
+            }) < 0)
+            return -1;
         if (::access(dst, F_OK) != 0 && errno == ENOENT && !kemo::create_file(dst, ""))
             return -1;
         int added = 0;
@@ -575,20 +544,13 @@ KEMO_API int KLIBFileReadLines(const char *path, PKLIBSZLIST *plist)
     if (path == nullptr || plist == nullptr || *plist == nullptr)
         return fail(-1, ERR_BAD_PARAMETERS);
     return kemo::edge(-1, [&] {
-        kemo::FilePtr in = kemo::open_file(path, "r");
-        if (!in)
-            return fail(-1, ERR_OPEN_FAILED);
-        kemo::LineReader reader(in.get());
-        std::string_view line;
         int count = 0;
         std::string text;
-        while (reader.next(line)) {
+        const int result = kemo::for_each_line(path, [&](std::string_view line) {
             text.assign(without_newline(line));
-            if (KLIBSzListPush(plist, text.c_str()) < 0)
-                return -1;
-            ++count;
-        }
-        return reader.failed() ? fail(-1, ERR_READ_FAILED) : count;
+            return KLIBSzListPush(plist, text.c_str()) < 0 ? -1 : (++count, 1);
+        });
+        return result < 0 ? -1 : count;
     });
 }
 
@@ -597,24 +559,17 @@ KEMO_API int KLIBFileMatchLineNo(const char *path, const char *pattern, int flag
     if (path == nullptr || pattern == nullptr || flags < 0)
         return fail(-1, ERR_BAD_PARAMETERS);
     return kemo::edge(-1, [&] {
-        kemo::FilePtr in = kemo::open_file(path, "r");
-        if (!in)
-            return fail(-1, ERR_OPEN_FAILED);
-        kemo::LineReader reader(in.get());
-        std::string_view line;
         std::string text;
         int number = 0, found = 0;
-        while (reader.next(line)) {
-            ++number;
-            text.assign(line);
-            if (KLIBILineMatch(text.c_str(), pattern, flags) == 1) {
+        if (kemo::for_each_line(path, [&](std::string_view line) {
+                ++number;
+                text.assign(line);
+                if (KLIBILineMatch(text.c_str(), pattern, flags) != 1)
+                    return 1;
                 found = number;
-                if ((flags & KLIB_MATCH_LAST) == 0)
-                    break;
-            }
-        }
-        if (reader.failed())
-            return fail(-1, ERR_READ_FAILED);
+                return (flags & KLIB_MATCH_LAST) != 0 ? 1 : 0;
+            }) < 0)
+            return -1;
         return found > 0 ? found : fail(0, ERR_KEY_NOT_FOUND);
     });
 }

@@ -136,14 +136,6 @@ int find_line(FILE *in, std::string_view pattern, int flags)
     return reader.failed() ? -2 : found;
 }
 
-std::string with_newline(const char *line)
-{
-    std::string text(line);
-    if (text.empty() || text.back() != '\n')
-        text += '\n';
-    return text;
-}
-
 // Puts `text` in place of line `target` (replace) or after it (insert), or
 // at the end when target is -1.  A missing file is created holding text.
 int put_line(const char *path, const char *pattern, const std::string &text, int flags, bool replace)
@@ -215,25 +207,18 @@ KEMO_API int KLIBFileEnumSection(const char *path, PKLIBSZLIST *plist)
     if (path == nullptr || plist == nullptr || *plist == nullptr)
         return fail(-1, ERR_BAD_PARAMETERS);
     return kemo::edge(-1, [&] {
-        kemo::FilePtr in = kemo::open_file(path, "r");
-        if (!in)
-            return fail(-1, ERR_OPEN_FAILED);
-        kemo::LineReader reader(in.get());
-        std::string_view line;
         std::string name;
-        while (reader.next(line)) {
-            if (!is_section(line))
-                continue;
-            // Header lines are read into a buffer of 1024 bytes.
-            if (line.size() > 1023)
-                return fail(-1, ERR_NOT_ENOUGH_MEMORY);
-            const std::string_view header = kemo::trimmed(line);
-            name.assign(header.substr(1, header.rfind(']') - 1));
-            if (KLIBSzListPush(plist, name.c_str()) < 0)
-                return -1;
-        }
-        if (reader.failed())
-            return fail(-1, ERR_READ_FAILED);
+        if (kemo::for_each_line(path, [&](std::string_view line) {
+                if (!is_section(line))
+                    return 1;
+                // Header lines are read into a buffer of 1024 bytes.
+                if (line.size() > 1023)
+                    return fail(-1, ERR_NOT_ENOUGH_MEMORY);
+                const std::string_view header = kemo::trimmed(line);
+                name.assign(header.substr(1, header.rfind(']') - 1));
+                return KLIBSzListPush(plist, name.c_str()) < 0 ? -1 : 1;
+            }) < 0)
+            return -1;
         return (*plist)->nItem;
     });
 }
@@ -243,31 +228,20 @@ KEMO_API int KLIBFileGetSection(const char *path, const char *name, PKLIBSZHASH 
     if (path == nullptr || name == nullptr || phash == nullptr || *phash == nullptr)
         return fail(-1, ERR_BAD_PARAMETERS);
     return kemo::edge(-1, [&] {
-        kemo::FilePtr in = kemo::open_file(path, "r");
-        if (!in)
-            return fail(-1, ERR_OPEN_FAILED);
-        kemo::LineReader reader(in.get());
-        std::string_view line;
         bool inside = false;
-        std::string key, value;
-        while (reader.next(line)) {
-            if (!inside) {
-                inside = matches_section(line, name);
-                continue;
-            }
-            // Any line that begins with "[" ends the body.
-            if (line[0] == '[')
-                break;
-            const auto pair = is_comment(line) ? std::nullopt : kemo::split_pair(line);
-            if (!pair)
-                continue;
-            key.assign(pair->key);
-            value.assign(pair->value);
-            if (KLIBSzHashSetValue(phash, key.c_str(), value.c_str()) < 0)
-                return -1;
-        }
-        if (reader.failed())
-            return fail(-1, ERR_READ_FAILED);
+        std::string scratch;
+        if (kemo::for_each_line(path, [&](std::string_view line) {
+                if (!inside) {
+                    inside = matches_section(line, name);
+                    return 1;
+                }
+                // Any line that begins with "[" ends the body.
+                if (line[0] == '[')
+                    return 0;
+                const auto pair = is_comment(line) ? std::nullopt : kemo::split_pair(line);
+                return !pair ? 1 : kemo::set_pair(phash, *pair, scratch) < 0 ? -1 : 1;
+            }) < 0)
+            return -1;
         return KLIBSzHashPairNum(*phash);
     });
 }
@@ -376,21 +350,14 @@ KEMO_API int KLIBFileGetLine(const char *path, const char *pattern, char *buf, i
     if (path == nullptr || pattern == nullptr || buf == nullptr || size < 1 || flags < 0)
         return fail(-1, ERR_BAD_PARAMETERS);
     return kemo::edge(-1, [&] {
-        kemo::FilePtr in = kemo::open_file(path, "r");
-        if (!in)
-            return fail(-1, ERR_OPEN_FAILED);
-        kemo::LineReader reader(in.get());
-        std::string_view line;
         std::optional<std::string> found;
-        while (reader.next(line)) {
-            if (!line_match(line, pattern, flags))
-                continue;
-            found.emplace(line.substr(0, line.back() == '\n' ? line.size() - 1 : line.size()));
-            if ((flags & KLIB_MATCH_LAST) == 0)
-                break;
-        }
-        if (reader.failed())
-            return fail(-1, ERR_READ_FAILED);
+        if (kemo::for_each_line(path, [&](std::string_view line) {
+                if (!line_match(line, pattern, flags))
+                    return 1;
+                found.emplace(line.substr(0, line.back() == '\n' ? line.size() - 1 : line.size()));
+                return (flags & KLIB_MATCH_LAST) != 0 ? 1 : 0;
+            }) < 0)
+            return -1;
         if (!found)
             return fail(0, ERR_KEY_NOT_FOUND);
         const int needed = static_cast<int>(found->size()) + 1;
@@ -409,14 +376,14 @@ KEMO_API int KLIBFileSetLine(const char *path, const char *pattern, const char *
     // Changes of the default file system are traced on purpose.
     if (std::strstr(pattern, "defaultfs") != nullptr)
         KEMO_LOG("szKey=%s, szLine=%s", pattern, line);
-    return kemo::edge(-1, [&] { return put_line(path, pattern, with_newline(line), flags, true); });
+    return kemo::edge(-1, [&] { return put_line(path, pattern, kemo::with_newline(line), flags, true); });
 }
 
 KEMO_API int KLIBFileAddLine(const char *path, const char *pattern, const char *line, int flags)
 {
     if (path == nullptr || line == nullptr || flags < 0 || kemo::is_directory(path))
         return fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] { return put_line(path, pattern, with_newline(line), flags, false); });
+    return kemo::edge(-1, [&] { return put_line(path, pattern, kemo::with_newline(line), flags, false); });
 }
 
 } // extern "C"
