@@ -28,15 +28,50 @@ bool is_directory(const char *path)
 
 bool LineReader::next(std::string_view &line)
 {
-    errno = 0;
-    const ssize_t n = ::getline(&buffer_, &capacity_, stream_);
-    if (n < 0) {
-        if (errno == ENOMEM)
-            throw std::bad_alloc();
-        return false;
+    if (carried_) {
+        carry_.clear();
+        carried_ = false;
     }
-    line = std::string_view(buffer_, static_cast<std::size_t>(n));
-    return true;
+    for (;;) {
+        if (begin_ < end_) {
+            const char *start = chunk_.get() + begin_;
+            const std::size_t avail = end_ - begin_;
+            const auto *newline = static_cast<const char *>(std::memchr(start, '\n', avail));
+            if (newline != nullptr) {
+                const auto n = static_cast<std::size_t>(newline - start) + 1;
+                begin_ += n;
+                if (carry_.empty()) {
+                    line = std::string_view(start, n);
+                    return true;
+                }
+                carry_.append(start, n);
+                line = carry_;
+                carried_ = true;
+                return true;
+            }
+            carry_.append(start, avail);
+            begin_ = end_ = 0;
+        }
+        if (eof_) {
+            if (carry_.empty())
+                return false;
+            line = carry_;
+            carried_ = true;
+            return true;
+        }
+        ssize_t n;
+        do
+            n = ::read(fd_, chunk_.get(), kChunk);
+        while (n < 0 && errno == EINTR);
+        if (n < 0) {
+            error_ = true;
+            return false;
+        }
+        if (n == 0)
+            eof_ = true;
+        begin_ = 0;
+        end_ = static_cast<std::size_t>(n);
+    }
 }
 
 std::string_view chomp(std::string_view line) noexcept
@@ -74,8 +109,8 @@ Twin::Twin(std::string target, std::string twin_path)
 
 Twin::~Twin()
 {
-    if (stream_ != nullptr)
-        std::fclose(stream_);
+    if (fd_ >= 0)
+        ::close(fd_);
     if (!done_)
         ::unlink(twin_.c_str());
 }
@@ -87,44 +122,47 @@ bool Twin::open()
     // content reaches it.
     struct stat st;
     const bool replacing = ::stat(target_.c_str(), &st) == 0;
-    const int fd = ::open(twin_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW,
-                          replacing ? 0600 : 0666);
-    if (fd < 0)
+    fd_ = ::open(twin_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW,
+                 replacing ? 0600 : 0666);
+    if (fd_ < 0)
         return fail(false, ERR_OPEN_FAILED);
-    if (replacing) {
-        // Only root may give a file away; for anyone else the twin already
-        // has the caller's owner, which is the best that can be done.
-        if (::fchown(fd, st.st_uid, st.st_gid) != 0 && errno != EPERM) {
-            ::close(fd);
-            return fail(false, ERR_OPEN_FAILED);
-        }
-        if (::fchmod(fd, st.st_mode & 07777) != 0) {
-            ::close(fd);
-            return fail(false, ERR_OPEN_FAILED);
-        }
-    }
-    stream_ = ::fdopen(fd, "w");
-    if (stream_ == nullptr) {
-        ::close(fd);
+    // Only root may give a file away; for anyone else the twin already has
+    // the caller's owner, which is the best that can be done.
+    if (replacing && ((::fchown(fd_, st.st_uid, st.st_gid) != 0 && errno != EPERM) ||
+                      ::fchmod(fd_, st.st_mode & 07777) != 0))
         return fail(false, ERR_OPEN_FAILED);
-    }
     return true;
+}
+
+bool Twin::drain()
+{
+    std::size_t done = 0;
+    while (ok_ && done < pending_.size()) {
+        const ssize_t n = ::write(fd_, pending_.data() + done, pending_.size() - done);
+        if (n > 0)
+            done += static_cast<std::size_t>(n);
+        else if (n == 0 || errno != EINTR)
+            ok_ = false;
+    }
+    pending_.clear();
+    return ok_;
 }
 
 bool Twin::write(std::string_view text)
 {
-    if (ok_ && !text.empty() && std::fwrite(text.data(), 1, text.size(), stream_) != text.size())
-        ok_ = false;
-    return ok_;
+    if (!ok_)
+        return false;
+    pending_.append(text);
+    return pending_.size() < kFlushAt || drain();
 }
 
 bool Twin::finish()
 {
-    if (stream_ == nullptr)
+    if (fd_ < 0)
         return fail(false, ERR_WRITE_FAILED);
-    bool good = ok_ && flush_and_sync(stream_);
-    good = (std::fclose(stream_) == 0) && good;
-    stream_ = nullptr;
+    bool good = drain() && (::fsync(fd_) == 0 || errno == EINVAL);
+    good = (::close(fd_) == 0) && good;
+    fd_ = -1;
     if (!good)
         return fail(false, ERR_WRITE_FAILED);
     done_ = true;

@@ -6,6 +6,8 @@
 #include "kemo_internal.hpp"
 
 #include <cstdio>
+#include <cstring>
+#include <unistd.h>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -26,23 +28,28 @@ bool is_directory(const char *path);
 
 // Reads a stream line by line.  A line is the bytes up to and including its
 // newline (the last one may lack it) and may be of any length or hold NUL
-// bytes.  The view stays valid until the next call.
+// bytes.  The view stays valid until the next call.  Reading goes straight
+// to the descriptor in large chunks (the stream's own buffer is not used,
+// so the reader must start where the stream stands, as right after opening
+// or rewinding it); lines are cut out of the chunk without copying.
 class LineReader {
 public:
-    explicit LineReader(FILE *stream) noexcept : stream_(stream) {}
-    ~LineReader() { std::free(buffer_); }
+    explicit LineReader(FILE *stream) : fd_(::fileno(stream)) {}
     LineReader(const LineReader &) = delete;
     LineReader &operator=(const LineReader &) = delete;
 
     // Next line, or false at the end of the file or on a read error (tell
     // them apart with failed()).  Throws std::bad_alloc when out of memory.
     bool next(std::string_view &line);
-    bool failed() const noexcept { return std::ferror(stream_) != 0; }
+    bool failed() const noexcept { return error_; }
 
 private:
-    FILE *stream_;
-    char *buffer_ = nullptr;
-    std::size_t capacity_ = 0;
+    static constexpr std::size_t kChunk = 32 * 1024;
+    int fd_;
+    std::unique_ptr<char[]> chunk_ = std::make_unique_for_overwrite<char[]>(kChunk);
+    std::size_t begin_ = 0, end_ = 0;
+    std::string carry_; // a line that runs across chunks
+    bool carried_ = false, eof_ = false, error_ = false;
 };
 
 // Reads the file at path line by line: each(line) returns 1 to go on, 0 to
@@ -101,8 +108,8 @@ public:
     Twin &operator=(const Twin &) = delete;
 
     bool open();
-    FILE *stream() const noexcept { return stream_; }
-    // Appends bytes; a failure is remembered and reported by commit().
+    // Appends bytes (gathered in memory and written in large pieces); a
+    // failure is remembered and reported by commit().
     bool write(std::string_view text);
     bool ok() const noexcept { return ok_; }
     // Flush, fsync, close, rename, fsync the directory.  false with
@@ -115,9 +122,13 @@ public:
     const std::string &target() const noexcept { return target_; }
 
 private:
+    bool drain();
+
+    static constexpr std::size_t kFlushAt = 256 * 1024;
     std::string target_;
     std::string twin_;
-    FILE *stream_ = nullptr;
+    int fd_ = -1;
+    std::string pending_;
     bool ok_ = true;
     bool done_ = false;
 };

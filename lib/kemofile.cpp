@@ -42,6 +42,15 @@ std::string_view line_key(std::string_view line) noexcept
 
 bool key_matches(std::string_view line, std::string_view key) noexcept
 {
+    // Most lines of a file hold other keys: when the key begins with an
+    // ordinary byte, a line whose first byte past blanks, "=" and quotes
+    // differs cannot hold it.
+    constexpr std::string_view skipped = " \t\r\n=\"";
+    if (!key.empty() && skipped.find(key[0]) == std::string_view::npos) {
+        const auto first = line.find_first_not_of(skipped);
+        if (first == std::string_view::npos || line[first] != key[0])
+            return false;
+    }
     return !is_comment(line) && line_key(line) == key;
 }
 
