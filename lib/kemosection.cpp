@@ -103,7 +103,9 @@ std::optional<std::string> render_section(const char *name, PKLIBSZHASH hash, co
         kemo::PairFormat fmt;
         if (!fmt.parse_or_default(format))
             return fail(std::optional<std::string>(), ERR_BAD_PARAMETERS);
-        return "[" + std::string(name) + "]\n";
+        std::string header;
+        header.append("[").append(name).append("]\n");
+        return header;
     }
     char *data = nullptr;
     std::size_t size = 0;
