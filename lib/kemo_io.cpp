@@ -189,6 +189,16 @@ bool create_file(const char *path, std::string_view content)
     return twin.open() && twin.write(content) && twin.commit();
 }
 
+int open_or_create(const char *path, const char *mode, std::string_view fresh, FilePtr &out)
+{
+    out = open_file(path, mode);
+    if (out)
+        return 1;
+    if (errno != ENOENT)
+        return fail(-1, ERR_OPEN_FAILED);
+    return create_file(path, fresh) ? 0 : -2;
+}
+
 bool append_in_place(FILE *stream, std::string_view text)
 {
     const int fd = ::fileno(stream);

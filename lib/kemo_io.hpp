@@ -195,6 +195,12 @@ int rewrite_file(const char *path, Each &&each, Done &&done, int read_error = ER
 // code set.
 bool create_file(const char *path, std::string_view content);
 
+// Opens path with mode into `out` (1), or, when no file is there at all,
+// creates it holding `fresh` instead (0).  -1 with ERR_OPEN_FAILED for a
+// file that exists but cannot be opened; -2 when the creation failed (with
+// its code).
+int open_or_create(const char *path, const char *mode, std::string_view fresh, FilePtr &out);
+
 // Appends text at the end of an open stream, in place, and syncs it.  Should
 // the disk fill up halfway, the file is cut back to its old length rather
 // than left with half a line.  false with ERR_WRITE_FAILED.

@@ -117,6 +117,18 @@ int get_by_key(const char *path, const char *key, char *buf, int size, int flags
     });
 }
 
+// A setter's result when open_or_create did not open a file: 1 when it
+// created one, else -1; a place where no file can be created at all is a
+// bad path.
+int created_result(int opened)
+{
+    if (opened == 0)
+        return 1;
+    if (opened == -2 && KLIBErrGet() == ERR_OPEN_FAILED)
+        return fail(-1, ERR_BAD_PARAMETERS);
+    return -1;
+}
+
 // Shared by the setters of one key: the first line of key is replaced by
 // replacement(line), later ones are dropped, and fresh_line is appended when
 // none matched.  A missing file is created holding fresh_line.
@@ -124,14 +136,10 @@ template <class Replace>
 int set_by_key(const char *path, std::string_view key, const std::string &fresh_line,
                Replace &&replacement)
 {
-    kemo::FilePtr in = kemo::open_file(path, "r");
-    if (!in) {
-        if (errno != ENOENT)
-            return fail(-1, ERR_OPEN_FAILED);
-        if (!kemo::create_file(path, fresh_line))
-            return KLIBErrGet() == ERR_OPEN_FAILED ? fail(-1, ERR_BAD_PARAMETERS) : -1;
-        return 1;
-    }
+    kemo::FilePtr in;
+    const int opened = kemo::open_or_create(path, "r", fresh_line, in);
+    if (opened <= 0)
+        return created_result(opened);
     bool matched = false;
     return kemo::rewrite_file(
         in.get(), path,
@@ -274,14 +282,10 @@ KEMO_API int KLIBFileAppendKey(const char *path, const char *key, const char *va
         if (!fmt.parse_or_default(format))
             return fail(-1, ERR_BAD_PARAMETERS);
         const std::string fresh = fmt.line(key, value);
-        kemo::FilePtr f = kemo::open_file(path, "r+");
-        if (!f) {
-            if (errno != ENOENT)
-                return fail(-1, ERR_OPEN_FAILED);
-            if (!kemo::create_file(path, fresh))
-                return KLIBErrGet() == ERR_OPEN_FAILED ? fail(-1, ERR_BAD_PARAMETERS) : -1;
-            return 1;
-        }
+        kemo::FilePtr f;
+        const int opened = kemo::open_or_create(path, "r+", fresh, f);
+        if (opened <= 0)
+            return created_result(opened);
         kemo::LineReader reader(f.get());
         std::string_view line;
         bool ended = true;

@@ -142,12 +142,10 @@ int find_line(FILE *in, std::string_view pattern, int flags)
 // at the end when target is -1.  A missing file is created holding text.
 int put_line(const char *path, const char *pattern, const std::string &text, int flags, bool replace)
 {
-    kemo::FilePtr in = kemo::open_file(path, "r");
-    if (!in) {
-        if (errno != ENOENT)
-            return fail(-1, ERR_OPEN_FAILED);
-        return kemo::create_file(path, text) ? 1 : -1;
-    }
+    kemo::FilePtr in;
+    const int opened = kemo::open_or_create(path, "r", text, in);
+    if (opened <= 0)
+        return opened == 0 ? 1 : -1;
     const int target = pattern != nullptr ? find_line(in.get(), pattern, flags) : -1;
     if (target == -2)
         return fail(-1, ERR_READ_FAILED);
