@@ -808,6 +808,281 @@ KEMO_API int KLIBChangeQormdLight(int on);
 /* Soft-resets the USB printer "/dev/usb/<device>".  0, or -1. */
 KEMO_API int KEMOResetPrinter(const char *device);
 
+
+/* ------------------------------------------------------------------------ */
+/* Accounts: users, groups and shares                                       */
+/* ------------------------------------------------------------------------ */
+/* Account files: /etc/passwd, /etc/shadow, /usr/kemo/etc/private/smbpasswd,
+ * /etc/group, /etc/group_desc, /etc/mail, /etc/curUID.conf,
+ * /usr/kemo/etc/.htpasswd; access lists live in /usr/kemo/etc/smb.conf.
+ * Names compare without regard to case (UTF-8 upper-casing).  Changes are
+ * transactions: complete ".tmp" twins are written first and renamed over
+ * the files only when all of them reached the disk; a process killed in
+ * the middle of the renames is finished by the next account call.
+ *
+ * Two-call buffers: called with a NULL buffer and size 0, a getter or
+ * enumerator stores the needed size and returns 0; called again with a
+ * buffer of that size it fills it.  Enumerators write a NULL-terminated
+ * array of text pointers at the buffer's start and the texts from its end
+ * backwards: the needed size is sizeof(char *) plus, per name, its length
+ * + 1 + sizeof(char *). */
+
+/* Account types. */
+#define KEMO_ACCOUNT_LOCAL 1
+
+/* User enumeration flags (KEMOUserEnum). */
+#define KEMO_USER_LOCAL 0x01
+#define KEMO_USER_DOMAIN_ALL 0x10
+#define KEMO_USER_DOMAIN_USED 0x20
+
+/* A user as KEMOUserGet returns it: the record, then its texts (name,
+ * hash, description, mail address) in the same buffer.  expire is a day
+ * number (days since 1970-01-01), 0 = never. */
+typedef struct KEMOUSER {
+    char *szName;
+    char *szPasswd;
+    char *szDesc;
+    int32_t expire;
+    char *szEmail;
+} KEMOUSER, *PKEMOUSER;
+
+/* One account to create (szOldName NULL or "") or to modify or rename
+ * (szOldName the existing name).  szPasswd is the plain password; when it
+ * equals the stored hash byte for byte the password is kept.  expire <= 0:
+ * no expiry.  szEmail NULL leaves /etc/mail alone. */
+typedef struct KEMOUSERSET {
+    int32_t type;
+    const char *szOldName;
+    const char *szName;
+    const char *szPasswd;
+    const char *szDesc;
+    int32_t expire;
+    const char *szEmail;
+} KEMOUSERSET, *PKEMOUSERSET;
+
+/* The user's record into out (size bytes).  type must be 1.  needed gets
+ * sizeof(KEMOUSER) + the four texts' lengths + 4.  0 after a size query
+ * (out NULL, size 0), 1 when filled, -1 with ERR_BAD_PARAMETERS,
+ * ERR_LOCK_FAILED, ERR_NO_SUCH_USER, ERR_FORMAT_ERROR or
+ * ERR_NOT_ENOUGH_MEMORY (size too small). */
+KEMO_API int KEMOUserGet(int reserved, int type, const char *name, PKEMOUSER out, int size,
+                         int *needed);
+/* User names (flags 0 = local) in the two-call layout: local users in
+ * /etc/passwd order (uid 1024 and above; guest only with guest support),
+ * then domain users.  The number stored (0 on a size query), or -1 with
+ * ERR_BAD_PARAMETERS, ERR_NOT_ENOUGH_MEMORY, ERR_OPEN_FAILED or
+ * ERR_SYS_UNKNOWN (a passwd file that looks truncated). */
+KEMO_API int KEMOUserEnum(int flags, char **out, int size, int *needed);
+/* The number of users of the same filter; here the flags are 0x01 local,
+ * 0x02 all domain users, 0x04 domain users in use (7: local only, the
+ * count the account limit uses).  -1 on failure. */
+KEMO_API int KEMOUserTotalNum(int flags);
+/* Creates or modifies count accounts in one transaction (type must be 1);
+ * on success signals the download scheduler when the model has one.  The
+ * result of KEMOUserSetLocal, or -1 with ERR_BAD_PARAMETERS. */
+KEMO_API int KEMOUserSet(int type, const KEMOUSERSET *users, int count);
+/* The transaction itself.  *errorList (allocated here when NULL) is
+ * emptied and receives the names that caused a refusal.  0; -1 failure;
+ * -2 invalid name (ERR_INVALID_USERNAME); -3 a new name exists
+ * (ERR_USER_EXISTS); -4 an old name is missing (ERR_NO_SUCH_USER); -5 one
+ * name both created and renamed to (code KEMO_ERR_CROSS_DUP_NAME); -6 too
+ * many accounts (ERR_TOO_MANY_USERS); -7 the lock could not be released. */
+#define KEMO_ERR_CROSS_DUP_NAME 0x2F00
+KEMO_API int KEMOUserSetLocal(const KEMOUSERSET *users, int count, PKLIBSZLIST *errorList);
+/* Deletes accounts ("root", "admin", NULL and, with guest support, "guest"
+ * are never deleted) and drops them from group and share lists.  The
+ * number deleted; 0 with ERR_INVALID_USERNAME when none was eligible; -1
+ * on bad arguments or failure; -2 when the commit failed. */
+KEMO_API int KEMOUserDelete(const char *const *names, int count);
+/* 1 expired, 0 not (or no expiry), -1 on failure.  An account with expiry
+ * day D expires at the end of day D in local time. */
+KEMO_API int KEMOUserCheckExpired(const char *name);
+/* One salt character for n: |n| mod 64 over "0-9A-Za-z./". */
+KEMO_API int KEMOUserRandomNumMap2Seed(int n);
+
+/* Static passwd records, overwritten by the next call (not reentrant).
+ * KLIBGetPwNam: the /etc/passwd entry of name, or NULL with
+ * ERR_BAD_PARAMETERS (NULL, empty, over 64 characters), ERR_NO_SUCH_USER,
+ * ERR_FORMAT_ERROR.  PpwGetLocalPwNam: the same with the hash of
+ * /etc/shadow as password.  PpwGetDomainPwNam: a "DOMAIN\\user" record
+ * with the domain's uid and gid.  PpwGetPwNam: local or domain by
+ * IsDomainUG. */
+struct passwd;
+KEMO_API struct passwd *KLIBGetPwNam(const char *name);
+KEMO_API struct passwd *PpwGetLocalPwNam(const char *name);
+KEMO_API struct passwd *PpwGetDomainPwNam(const char *name);
+KEMO_API struct passwd *PpwGetPwNam(const char *name);
+KEMO_API void KLIBEndPwEnt(void);
+
+/* The LAN Manager and NT password hashes (16 bytes each).  0, or -1 with
+ * ERR_BAD_PARAMETERS or ERR_UNKNOWN (text that is not UTF-8). */
+KEMO_API int KLIBSmbLmHash(const char *plain, unsigned char hash[16]);
+KEMO_API int KLIBSmbNtHash(const char *plain, unsigned char hash[16]);
+
+/* Windows domain.  Domain names of users and groups are written
+ * "DOMAIN\\name". */
+/* 2 when name begins with the joined domain's name and a backslash
+ * (without regard to case) while "domainjoined" is "yes"; else 1.  -1 with
+ * ERR_BAD_PARAMETERS for NULL. */
+KEMO_API int IsDomainUG(const char *name);
+/* Refreshes the domain lists under /usr/kemo/etc/private/ (domain_user,
+ * domain_group, domain_group_member) from the domain lookup tool
+ * "/usr/kemo/bin/wbinfo".  0, or -1 with ERR_SYS_UNKNOWN when the tool
+ * fails. */
+KEMO_API int KEMOWinGetDomainUG(int flags);
+/* The SID of a domain user into out; 0 or -1. */
+KEMO_API int KEMOGetDUserSid(const char *name, char *out, int size);
+/* The uid / gid of a domain user, or -1. */
+KEMO_API int KEMOGetDUserUid(const char *name);
+KEMO_API int KEMOGetDUserGid(const char *name);
+/* Appends every domain user / every domain user named in a share's access
+ * lists (directly or through a domain group) to *list.  The number
+ * appended, or -1. */
+KEMO_API int KEMOPushDUser(PKLIBSZLIST *list);
+KEMO_API int KEMOPushDUserUsed(PKLIBSZLIST *list);
+
+/* SMB connections.  The process ids of the file server's sessions that
+ * run as user, up to max into pids: the number found, or -1.  Ends those
+ * sessions (each pid is checked to still be such a session): the number
+ * ended, or -1. */
+KEMO_API int KEMOGetConnPidOfSmb(const char *user, int32_t *pids, int max);
+KEMO_API int KEMODelConnOfSmb(const int32_t *pids, int count);
+
+/* Network backup: keeps the backup server's password of user equal to the
+ * account's password.  Users without a line in the backup server's
+ * secrets file are left alone.  1 changed, 0 nothing to do, -1. */
+KEMO_API int KEMONetBackupSetServerPasswd(const char *user, const char *password);
+
+/* Groups.  Flags: 0x1 local, 0x2 domain, 0 both. */
+#define KEMO_GROUP_LOCAL 0x1
+#define KEMO_GROUP_DOMAIN 0x2
+
+/* The static group record of the low-level readers: the member array ends
+ * with NULL and never holds the sentinel member "nobody".  flags, name2 and
+ * number come from the extended tail (0, "" and 0 without one). */
+typedef struct KLIBGROUP {
+    char *gr_name;
+    char *gr_passwd;
+    int32_t gr_gid;
+    int32_t gr_flags;
+    char *gr_name2;
+    unsigned long gr_number;
+    char **gr_mem;
+} KLIBGROUP, *PKLIBGROUP;
+
+/* A group: KEMOGROUP is an array of text pointers, the group name first,
+ * then the members, ended by NULL. */
+typedef char *KEMOGROUP;
+
+/* The group's name (as stored) and members into out.  needed = name
+ * length + 9 + member length + 5 per member.  1 filled, 0 size query or
+ * too small a buffer, -1 with ERR_BAD_PARAMETERS, ERR_NO_SUCH_GROUP,
+ * ERR_LOCK_FAILED, ERR_UNLOCK_FAILED. */
+KEMO_API int KEMOGroupGet(int flags, int type, const char *name, char **out, int size,
+                          int *needed);
+/* Group names (local groups of gid 65536 and above, and "users"; then
+ * domain groups) in the two-call layout.  The count, or -1. */
+KEMO_API int KEMOGroupEnum(int flags, char **out, int size, int *needed);
+KEMO_API int KEMOGroupTotalNum(int flags);
+/* Creates group (oldName NULL) or modifies and maybe renames oldName;
+ * group is a KEMOGROUP array.  A rename rewrites "@old" in the share
+ * file.  0, or -1 with ERR_BAD_PARAMETERS, ERR_INVALID_GROUPNAME,
+ * ERR_GROUP_EXISTS, ERR_NO_SUCH_GROUP, ERR_TOO_MANY_GROUPS,
+ * ERR_LOCK_FAILED or ERR_WRITE_FAILED (the files are then unchanged). */
+KEMO_API int KEMOGroupSet(int flags, int type, const char *oldName, const char *const *group);
+/* Deletes groups and their "@name" members of share lists.  0, or -1. */
+KEMO_API int KEMOGroupDelete(const char *const *names, int count);
+/* The group's decoded description: needed = length + 1; 1 filled, 0 size
+ * query, -1.  KEMOGroupSetDesc replaces it: 0, or -1. */
+KEMO_API int KEMOGroupGetDesc(const char *name, char *out, int size, int *needed);
+KEMO_API int KEMOGroupSetDesc(const char *name, const char *desc);
+/* Splits "name:member,member,..." into a KEMOGROUP array in one block
+ * from malloc (the caller frees it with free()).  The member count, or -1
+ * with ERR_BAD_PARAMETERS (no ":") or ERR_OUT_OF_MEMORY. */
+KEMO_API int GROUPParseCreateParam(const char *text, char ***group);
+/* The next free gid from 65536 to 196607 (advancing the index line of
+ * /etc/group), or -1. */
+KEMO_API int GROUPIGetFreeGid(void);
+/* Pushes the members of local group name (entry: its record, or NULL to
+ * look it up) onto *list, each once.  The count, or -1 (an empty group is
+ * a failure). */
+KEMO_API int GROUPIListMember(const char *name, PKLIBSZLIST *list, const KLIBGROUP *entry);
+/* Low-level readers of /etc/group; records are static.  KLIBIGrpStart
+ * rewinds, KLIBIGrpScan1 reads entries until one matches (search 0: the
+ * next entry; 1: by name; 2: by gid): 1 found, 0 end, -1 failure. */
+KEMO_API int KLIBIGrpStart(void);
+KEMO_API int KLIBIGrpScan1(int search, const char *name, int gid);
+KEMO_API PKLIBGROUP PgrpKLIBGetLocalGrEnt(void);
+KEMO_API PKLIBGROUP PgrpKLIBGetLocalGrNam(const char *name);
+KEMO_API PKLIBGROUP PgrpKLIBGetLocalGrGid(int gid);
+/* Local group, or for a "DOMAIN\\group" name the domain group. */
+KEMO_API PKLIBGROUP KLIBGetGrNam(const char *name);
+KEMO_API void KLIBEndGrEnt(void);
+/* Domain groups: members of group pushed onto *list (count or -1); the
+ * member text of group into out (its length + 1, or -1); 1 when user is
+ * in group ("DOMAIN\\domain users" holds every domain user), else 0;
+ * every domain group appended to *list (count or -1). */
+KEMO_API int KEMOGetDGRPMem(const char *group, PKLIBSZLIST *list);
+KEMO_API int KEMOGetDGRPInfo(const char *group, char *out, int size);
+KEMO_API int KEMOIsDGRPMem(const char *user, const char *group);
+KEMO_API int KEMOPushDGroup(PKLIBSZLIST *list);
+
+/* Shares: sections of /usr/kemo/etc/smb.conf. */
+#define KEMO_SHARE_ORDINARY 0x1
+#define KEMO_SHARE_USB 0x2
+#define KEMO_SHARE_SATA 0x4
+/* Access of "@users": */
+#define KEMO_ACCESS_RO 1
+#define KEMO_ACCESS_RW 2
+#define KEMO_ACCESS_NONE 4
+
+/* A share as KEMOShareGet returns it, texts in the same buffer (lists
+ * without "nobody" members). */
+typedef struct KEMOSHARE {
+    char *szName;
+    char *szComment;
+    char *szPath;
+    char *szDenyList;
+    char *szRWList;
+    char *szROList;
+    int32_t usersAccess;
+    int32_t browseable;
+} KEMOSHARE, *PKEMOSHARE;
+
+/* The share's record: needed = sizeof(KEMOSHARE) + length + 1 of the name
+ * and of each present text.  1 filled, 0 size query, -1 with
+ * ERR_BAD_PARAMETERS, ERR_NO_SUCH_SHARE, ERR_LOCK_FAILED, ERR_UNKNOWN
+ * (the default access cannot be told) or ERR_NOT_ENOUGH_MEMORY. */
+KEMO_API int KEMOShareGet(int type, const char *name, PKEMOSHARE out, int size, int *needed);
+/* Share names in section order, two-call layout; kinds: KEMO_SHARE_*
+ * bits.  KEMOShareEnum lists every kind.  The count, or -1. */
+KEMO_API int KEMOShareEnum(char **out, int size, int *needed);
+KEMO_API int KEMOShareEnum1(char **out, int size, int *needed, int kinds);
+KEMO_API int BlShareIIsUsbSection(const char *name);
+KEMO_API int BlShareIIsSATASection(const char *name);
+/* The share's "path" into out.  0, or -1. */
+KEMO_API int KEMOSharePathGet(const char *name, char *out, int size);
+/* 1 when user is named in the comma-separated access list (directly, by
+ * "@users" or by a group), else 0. */
+KEMO_API int BlSDKUserIsInList(const char *user, const char *list);
+/* 1 when path lies inside a share's folder (or inside user's own home
+ * folder under /home); 0 when not; -1 on failure. */
+KEMO_API int KEMOShareIsUnderValidPath(const char *user, const char *path);
+/* The stored spelling of a share name given in any letter case into
+ * *stored (free it with KEMOShareGetCaseFree).  0, or -1 with
+ * ERR_NO_SUCH_SHARE. */
+KEMO_API int KEMOShareGetCase(const char *name, char **stored);
+KEMO_API void KEMOShareGetCaseFree(char *stored);
+/* Names of the shares on data volume index volume ("/volume<volume+1>"),
+ * two-call layout.  The count, or -1. */
+KEMO_API int KEMOShareEnumbyVolume(int volume, char **out, int size, int *needed);
+/* 1 when user may write share (not denied, and in the read-write list, or
+ * the share is writeable to all and the user is not read-only); 0; -1. */
+KEMO_API int KEMOShareWriteableGet(const char *share, const char *user);
+/* A record from "name:comment:path:deny:rw:ro:access:browseable" with the
+ * size conventions of KEMOShareGet. */
+KEMO_API int ParseShareParam(const char *text, PKEMOSHARE out, int size, int *needed);
+
 #ifdef __cplusplus
 }
 #endif

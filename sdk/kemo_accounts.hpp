@@ -1,0 +1,146 @@
+// Internal helpers shared by the user, group and share modules: the account
+// files' paths and locks, case-insensitive name keys, whole-file line
+// access, the account transaction (several files replaced together, with a
+// commit record that lets the next call finish a commit a killed process
+// left half done), and the rewrite of member and access lists.
+#pragma once
+
+#include "kemo_internal.hpp"
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+namespace kemo::accounts {
+
+inline constexpr char kPasswd[] = "/etc/passwd";
+inline constexpr char kShadow[] = "/etc/shadow";
+inline constexpr char kSmbpasswd[] = "/usr/kemo/etc/private/smbpasswd";
+inline constexpr char kGroup[] = "/etc/group";
+inline constexpr char kSmbConf[] = "/usr/kemo/etc/smb.conf";
+inline constexpr char kMail[] = "/etc/mail";
+inline constexpr char kCurUid[] = "/etc/curUID.conf";
+inline constexpr char kHtpasswd[] = "/usr/kemo/etc/.htpasswd";
+inline constexpr char kGroupDesc[] = "/etc/group_desc";
+inline constexpr char kDefaults[] = "/etc.defaults/kemoinfo.conf";
+inline constexpr char kSettings[] = "/etc/kemoinfo.conf";
+// The commit record of a transaction whose renames have begun.
+inline constexpr char kCommitRecord[] = "/etc/.accounts.commit";
+
+// Lock requests and release masks of the account operations.
+inline constexpr int kUserReadLock = 21, kUserReadUnlock = 16;
+inline constexpr int kAccountWriteLock = 118, kAccountWriteUnlock = 112;
+inline constexpr int kGroupReadLock = 53, kGroupReadUnlock = 48;
+inline constexpr int kGroupDeleteLock = 102, kGroupDeleteUnlock = 96;
+inline constexpr int kGroupDescLock = 37, kGroupDescUnlock = 32;
+inline constexpr int kShareReadLock = 69, kShareReadUnlock = 64;
+inline constexpr int kLockTimeout = 5;
+
+// Holds configuration locks for a scope:
+//   FileLock lock(kAccountWriteLock, kAccountWriteUnlock);
+//   if (!lock.held()) return fail(-1, ERR_LOCK_FAILED);
+// Taking a writer lock first finishes a commit that a killed process left
+// half done; reader locks do the same (briefly taking the writer lock)
+// when a commit record is present.
+class FileLock {
+public:
+    FileLock(int request, int unlock_mask);
+    ~FileLock();
+    FileLock(const FileLock &) = delete;
+    FileLock &operator=(const FileLock &) = delete;
+    bool held() const noexcept { return held_; }
+    // Releases now; false (ERR_UNLOCK_FAILED set) when the release failed.
+    bool release();
+
+private:
+    int unlock_mask_;
+    bool held_ = false;
+};
+
+// The key under which a name compares without regard to case (UTF-8
+// upper-cased in the current locale); nullopt for text that is not UTF-8.
+std::optional<std::string> upper(std::string_view name);
+// True when a and b name the same account.
+bool same_name(std::string_view a, std::string_view b);
+
+// A whole text file as lines without their newlines.
+struct Lines {
+    std::vector<std::string> lines;
+    bool final_newline = true; // the last line ended with a newline
+};
+// Reads path into out.  A missing file gives no lines when missing_ok.
+// false with ERR_OPEN_FAILED or ERR_READ_FAILED.
+bool read_lines(const char *path, Lines &out, bool missing_ok = false);
+// The lines joined again, each with its newline (the last one only when the
+// file had it).
+std::string join_lines(const Lines &lines);
+
+// Splits at every separator, keeping empty fields.
+std::vector<std::string_view> split(std::string_view text, char separator = ':');
+// Joins with the separator.
+std::string join(const std::vector<std::string_view> &parts, char separator = ':');
+
+// One change of several account files that succeeds or fails as a whole.
+//   Transaction txn;
+//   txn.stage(kPasswd, new_passwd);  txn.stage(kShadow, new_shadow);
+//   if (!txn.commit()) return -1;    // every file as it was
+// commit() writes every staged file's twin ("<path>.tmp", owner and mode of
+// the file it replaces, fsynced), then the commit record naming them, then
+// renames the twins in a fixed order: smb.conf, smbpasswd, group, shadow,
+// passwd, then any other file in staging order.  Should a rename fail, the
+// files already replaced are put back and the call fails with
+// ERR_RENAME_FAILED.  Should the process die once the record is written,
+// recover() (run by the next FileLock) completes the renames, so the files
+// never tell different stories.
+class Transaction {
+public:
+    // Sets the complete new content of a file (replacing an earlier stage).
+    void stage(const char *path, std::string content);
+    // The staged content of path, or null.
+    const std::string *staged(const char *path) const;
+    // The staged content, else the file's current content ("" when the file
+    // is missing and missing_ok).  false with the read error set.
+    bool current(const char *path, std::string &out, bool missing_ok = false) const;
+    bool empty() const noexcept { return files_.empty(); }
+    // true when everything is in place; false with the error code set and
+    // every file unchanged.
+    bool commit();
+
+private:
+    std::vector<std::pair<std::string, std::string>> files_;
+};
+
+// Completes or discards what a killed writer left behind: with a commit
+// record, renames the twins still present in the record's order and drops
+// the record; without one, removes stale twins of the account files.  Call
+// with the writer lock held.  false when a rename failed (the record stays
+// for the next attempt).
+bool recover();
+
+// Renames and deletions of members, keyed by upper-cased name: the new name,
+// or nullopt for a member that is dropped.
+using MemberMap = std::unordered_map<std::string, std::optional<std::string>>;
+
+// A comma-separated member list with the map applied; members that the map
+// does not name stay as they are, in order.  prefix "@" applies the map to
+// group members ("@name") only, "" to plain (user) members only.
+std::string rewrite_members(std::string_view list, const MemberMap &map, std::string_view prefix);
+
+// Stages the rewrite of the access lists of the share file ("\twrite list=",
+// "\tread list=", "\tvalid users=", "\tinvalid users=" lines) and, when
+// with_group_file, of the member field of every /etc/group line, starting
+// from whatever the transaction already staged for them.  Files in which
+// nothing changes are not staged.  false with the error code set.
+bool stage_list_rewrite(Transaction &txn, const MemberMap &map, std::string_view prefix,
+                        bool with_group_file);
+
+// A settings value of /etc.defaults/kemoinfo.conf (or another file), ""
+// when absent.
+std::string setting(const char *path, const char *key);
+// True when guest support ("guestsupport" of the defaults) is on.
+bool guest_support();
+
+} // namespace kemo::accounts

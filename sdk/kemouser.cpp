@@ -1,0 +1,2 @@
+// (being written)
+#include "kemo_internal.hpp"

@@ -1,0 +1,345 @@
+// Account changes are all-or-nothing: a writer that fails at any step
+// leaves every account file byte-identical, a writer killed at any step
+// leaves files that the next account call brings to one consistent story,
+// and writers running side by side lose nothing.
+//
+// This program replaces rename() and link(): the library's calls reach the
+// versions below, which can fail or kill the process at a chosen call.
+#include "sandbox_fixture.hpp"
+
+#include "kemo.h"
+
+#include <sys/mount.h>
+#include <sys/syscall.h>
+
+#include <fcntl.h>
+#include <csignal>
+#include <map>
+#include <set>
+
+namespace {
+
+struct Injection {
+    int calls = 0;
+    int die_at = -1;  // SIGKILL before this call
+    int fail_at = -1; // this call fails with EIO
+};
+Injection g_rename, g_link;
+
+bool inject(Injection &at)
+{
+    const int n = at.calls++;
+    if (n == at.die_at)
+        ::raise(SIGKILL);
+    if (n == at.fail_at) {
+        errno = EIO;
+        return true;
+    }
+    return false;
+}
+
+} // namespace
+
+extern "C" int rename(const char *from, const char *to)
+{
+    return inject(g_rename) ? -1 : static_cast<int>(::syscall(SYS_renameat, AT_FDCWD, from, AT_FDCWD, to));
+}
+
+extern "C" int link(const char *from, const char *to)
+{
+    return inject(g_link) ? -1 : static_cast<int>(::syscall(SYS_linkat, AT_FDCWD, from, AT_FDCWD, to, 0));
+}
+
+namespace {
+
+const std::vector<std::string> kAccountFiles = {
+    "/etc/passwd", "/etc/shadow", "/usr/kemo/etc/private/smbpasswd", "/etc/group",
+    "/usr/kemo/etc/smb.conf", "/etc/mail", "/etc/curUID.conf", "/usr/kemo/etc/.htpasswd"};
+
+struct Snapshot {
+    std::map<std::string, std::pair<std::string, mode_t>> files;
+    void take() {
+        for (const std::string &path : kAccountFiles) files[path] = {read_file(path), mode_of(path)};
+    }
+    void restore() const {
+        for (const auto &[path, entry] : files) write_file(path, entry.first, entry.second);
+    }
+};
+
+std::string leftovers()
+{
+    std::string found;
+    for (const std::string &path : kAccountFiles)
+        for (const char *suffix : {".tmp", ".undo"})
+            if (exists(path + suffix)) found += path + suffix + " ";
+    if (exists("/etc/.accounts.commit")) found += "/etc/.accounts.commit";
+    return found;
+}
+
+// Names of the first field of every line of a ":" file (local accounts only
+// for passwd: uid 1024 and above).
+std::set<std::string> names_in(const std::string &path, bool local_only = false)
+{
+    std::set<std::string> names;
+    for (const std::string &line : lines_of(path)) {
+        const auto colon = line.find(':');
+        if (colon == std::string::npos) continue;
+        if (local_only && std::stoi(line.substr(line.find(':', colon + 1) + 1)) < 1024) continue;
+        names.insert(line.substr(0, colon));
+    }
+    return names;
+}
+
+// The five files tell one story: the same accounts everywhere, and every
+// member of a group or share list is an account.
+void expect_consistent()
+{
+    const auto users = names_in("/etc/passwd", true);
+    EXPECT_EQ(users, names_in("/usr/kemo/etc/private/smbpasswd"));
+    auto shadow = names_in("/etc/shadow");
+    for (const auto &name : names_in("/etc/passwd")) {
+        EXPECT_TRUE(shadow.count(name)) << name;
+    }
+    auto check_list = [&](std::string_view list) {
+        std::size_t start = 0;
+        while (start <= list.size()) {
+            const auto end = std::min(list.find(',', start), list.size());
+            const std::string member(list.substr(start, end - start));
+            if (!member.empty() && member != "nobody" && member[0] != '@' && member != "root") {
+                EXPECT_TRUE(users.count(member)) << "stale member " << member;
+            }
+            start = end + 1;
+        }
+    };
+    for (const std::string &line : lines_of("/etc/group")) {
+        if (line.empty() || line[0] == '#') continue;
+        std::istringstream fields(line);
+        std::string field;
+        for (int i = 0; i < 4 && std::getline(fields, field, ':'); ++i) {
+        }
+        check_list(field);
+    }
+    for (const std::string &line : lines_of("/usr/kemo/etc/smb.conf")) {
+        const auto eq = line.find('=');
+        if (line.find("list=") != std::string::npos || line.find("users=") != std::string::npos)
+            check_list(std::string_view(line).substr(eq + 1));
+    }
+    EXPECT_EQ(run({"pwck", "-r", "-q"}).status, 0);
+    EXPECT_EQ(leftovers(), "");
+}
+
+KEMOUSERSET account(const char *name, const char *password, const char *old_name = nullptr)
+{
+    return KEMOUSERSET{KEMO_ACCOUNT_LOCAL, old_name, name, password, "", 0, nullptr};
+}
+
+// Runs body in a child process and returns how it ended: its exit code, or
+// 128 + the signal that killed it.
+template <class Body>
+int in_child(Body &&body)
+{
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        ::_exit(body());
+    }
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+class AccountCommitTest : public SandboxTest {
+protected:
+    // alice and bob exist; alice is in group "team" and in a share's lists.
+    void SetUp() override {
+        SandboxTest::SetUp();
+        if (IsSkipped()) return;
+        KEMOUSERSET users[] = {account("alice", "wonder1"), account("bob", "builder1")};
+        ASSERT_EQ(KEMOUserSet(KEMO_ACCOUNT_LOCAL, users, 2), 0);
+        write_file("/etc/group", read_file("/etc/group") + "team:x:65536:nobody,alice,bob,nobody\n");
+        write_file("/usr/kemo/etc/smb.conf", read_file("/usr/kemo/etc/smb.conf") +
+                                                 "[docs]\n\tpath=/volume1/docs\n\tguest ok=no\n"
+                                                 "\twriteable=no\n\tinvalid users=nobody,nobody\n"
+                                                 "\twrite list=nobody,alice,@team,nobody\n"
+                                                 "\tread list=nobody,bob,nobody\n");
+        before.take();
+    }
+
+    // The change under test touches all five files: a rename with a new
+    // password and a creation.
+    static int change() {
+        KEMOUSERSET users[] = {account("alicia", "new-secret", "alice"), account("carol", "sea1")};
+        return KEMOUserSet(KEMO_ACCOUNT_LOCAL, users, 2) == 0 ? 0 : 1;
+    }
+
+    bool is_new_state() {
+        const auto users = names_in("/etc/passwd", true);
+        return users.count("alicia") && users.count("carol") && !users.count("alice") &&
+               read_file("/usr/kemo/etc/smb.conf").find("nobody,alicia,@team") != std::string::npos &&
+               read_file("/etc/group").find("nobody,alicia,bob,nobody") != std::string::npos;
+    }
+
+    Snapshot before;
+};
+
+TEST_F(AccountCommitTest, AKilledWriterLeavesOldOrNewStateAfterTheNextCall)
+{
+    // How many renames and links a complete change makes.
+    const int renames = in_child([] {
+        const int result = change();
+        return result == 0 ? g_rename.calls : 255;
+    });
+    ASSERT_GT(renames, 5);
+    ASSERT_LT(renames, 100);
+    before.restore();
+
+    // Killed before each rename, and once after the last one.
+    for (int step = 0; step <= renames; ++step) {
+        SCOPED_TRACE("killed before rename " + std::to_string(step));
+        const int ended = in_child([step] {
+            g_rename.die_at = step;
+            return change();
+        });
+        ASSERT_EQ(ended, step < renames ? 128 + SIGKILL : 0);
+        // Any account call, even a reader, settles the files first.
+        EXPECT_GE(KEMOUserTotalNum(7), 2);
+        expect_consistent();
+        // The commit record is written by the first rename: before it the
+        // change never happened, after it the change is complete.
+        EXPECT_EQ(is_new_state(), step >= 1);
+        before.restore();
+    }
+    // Killed while the old files get their second names (before the
+    // record): the change never happened.
+    for (int step = 0; step < 3; ++step) {
+        const int ended = in_child([step] {
+            g_link.die_at = step;
+            return change();
+        });
+        ASSERT_EQ(ended, 128 + SIGKILL);
+        KEMOUSERSET none[] = {account("dave", "x1")};
+        EXPECT_EQ(KEMOUserSet(KEMO_ACCOUNT_LOCAL, none, 1), 0); // a writer settles them too
+        expect_consistent();
+        EXPECT_FALSE(is_new_state());
+        before.restore();
+    }
+}
+
+TEST_F(AccountCommitTest, AFailedRenameLeavesEveryFileByteIdentical)
+{
+    const int renames = in_child([] { return change() == 0 ? g_rename.calls : 255; });
+    before.restore();
+    for (int step = 0; step < renames; ++step) {
+        SCOPED_TRACE("rename " + std::to_string(step) + " fails");
+        const int ended = in_child([step] {
+            g_rename.fail_at = step;
+            return change() != 0 && (KLIBErrGet() == ERR_RENAME_FAILED || KLIBErrGet() == ERR_WRITE_FAILED)
+                       ? 0 : 1;
+        });
+        EXPECT_EQ(ended, 0);
+        for (const auto &[path, entry] : before.files) {
+            EXPECT_TRUE(read_file(path) == entry.first) << path << " changed";
+            EXPECT_EQ(mode_of(path), entry.second) << path;
+        }
+        EXPECT_EQ(leftovers(), "");
+    }
+}
+
+TEST_F(AccountCommitTest, AFullDiskOrABadNameInTheBatchChangesNothing)
+{
+    // A bad name in the middle of a batch refuses the whole batch.
+    KEMOUSERSET batch[] = {account("erin", "e1"), account("bad/name", "b1"), account("frank", "f1")};
+    PKLIBSZLIST errors = nullptr;
+    EXPECT_EQ(KEMOUserSetLocal(batch, 3, &errors), -2);
+    ASSERT_NE(errors, nullptr);
+    EXPECT_STREQ(SzKLIBSzListGet(errors, 0), "bad/name");
+    KLIBSzListFree(errors);
+
+    // The SMB password file's disk is full.
+    const std::string smbpasswd = before.files.at("/usr/kemo/etc/private/smbpasswd").first;
+    ASSERT_EQ(::mount("full", "/usr/kemo/etc/private", "tmpfs", 0, "size=64k,mode=0700"), 0);
+    write_file("/usr/kemo/etc/private/smbpasswd", smbpasswd, 0600);
+    {
+        const int fd = ::open("/usr/kemo/etc/private/filler", O_WRONLY | O_CREAT, 0600);
+        const std::string block(4096, 'x');
+        while (::write(fd, block.data(), block.size()) > 0) {
+        }
+        ::close(fd);
+    }
+    EXPECT_NE(change(), 0);
+    for (const auto &[path, entry] : before.files)
+        EXPECT_TRUE(read_file(path) == entry.first) << path << " changed";
+    EXPECT_EQ(leftovers(), "");
+}
+
+TEST_F(AccountCommitTest, ReplacedFilesKeepOwnerAndMode)
+{
+    ASSERT_EQ(::chown("/etc/shadow", 0, 42), 0);
+    ASSERT_EQ(::chmod("/etc/shadow", 0640), 0);
+    ASSERT_EQ(change(), 0);
+    const char *names[] = {"carol"};
+    ASSERT_EQ(KEMOUserDelete(names, 1), 1);
+    EXPECT_EQ(mode_of("/etc/shadow"), 0640u);
+    EXPECT_EQ(stat_of("/etc/shadow").st_gid, 42u);
+    EXPECT_EQ(mode_of("/usr/kemo/etc/private/smbpasswd"), 0600u);
+    EXPECT_EQ(mode_of("/etc/passwd"), 0644u);
+}
+
+TEST_F(AccountCommitTest, WritersSideBySideLoseNothing)
+{
+    // Four processes create, rename and delete their own users at once.
+    constexpr int kWriters = 4, kRounds = 12;
+    std::vector<pid_t> children;
+    for (int w = 0; w < kWriters; ++w) {
+        const pid_t pid = ::fork();
+        if (pid == 0) {
+            int bad = 0;
+            for (int i = 0; i < kRounds; ++i) {
+                const std::string name = "w" + std::to_string(w) + "u" + std::to_string(i);
+                const std::string renamed = name + "r";
+                KEMOUSERSET add[] = {account(name.c_str(), "pw1")};
+                KEMOUSERSET move[] = {account(renamed.c_str(), "pw2", name.c_str())};
+                bad += KEMOUserSet(KEMO_ACCOUNT_LOCAL, add, 1) != 0;
+                bad += KEMOUserSet(KEMO_ACCOUNT_LOCAL, move, 1) != 0;
+                if (i % 3 == 0) {
+                    const char *gone[] = {renamed.c_str()};
+                    bad += KEMOUserDelete(gone, 1) != 1;
+                }
+            }
+            ::_exit(bad);
+        }
+        children.push_back(pid);
+    }
+    for (const pid_t pid : children) {
+        int status = 0;
+        ::waitpid(pid, &status, 0);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    }
+    std::set<std::string> expected = {"admin", "guest", "alice", "bob"};
+    for (int w = 0; w < kWriters; ++w)
+        for (int i = 0; i < kRounds; ++i)
+            if (i % 3 != 0) expected.insert("w" + std::to_string(w) + "u" + std::to_string(i) + "r");
+    EXPECT_EQ(names_in("/etc/passwd", true), expected);
+    expect_consistent();
+    // Every account got its own uid.
+    std::set<std::string> uids;
+    for (const std::string &line : lines_of("/etc/passwd")) uids.insert(line.substr(line.find(":x:") + 3));
+    EXPECT_EQ(uids.size(), lines_of("/etc/passwd").size());
+}
+
+TEST_F(AccountCommitTest, NamesNeverReachAShell)
+{
+    // Names may hold blanks and any letters; the commands the library runs
+    // around account changes must carry them as plain words.
+    write_file("/etc.defaults/kemoinfo.conf",
+               read_file("/etc.defaults/kemoinfo.conf") + "support_download=\"yes\"\n");
+    KEMOUSERSET users[] = {account("jo smith", "pw1"), account("Zoë Ünal", "pw2")};
+    ASSERT_EQ(KEMOUserSet(KEMO_ACCOUNT_LOCAL, users, 2), 0);
+    KEMOUSERSET moved[] = {account("jo $(touch /tmp/pwned)", "pw1", "jo smith")};
+    EXPECT_EQ(KEMOUserSet(KEMO_ACCOUNT_LOCAL, moved, 1), -2);
+    const char *gone[] = {"jo smith", "zoë ünal"};
+    EXPECT_EQ(KEMOUserDelete(gone, 2), 2);
+    EXPECT_FALSE(exists("/tmp/pwned"));
+    expect_consistent();
+}
+
+} // namespace
