@@ -928,7 +928,7 @@ KEMO_API int IsDomainUG(const char *name);
 /* Refreshes the domain lists under /usr/kemo/etc/private/ (domain_user,
  * domain_group, domain_group_member) from the domain lookup tool
  * "/usr/kemo/bin/wbinfo".  0, or -1 with ERR_SYS_UNKNOWN when the tool
- * fails. */
+ * fails, ERR_INVALID_DOMAINNAME when no domain is joined. */
 KEMO_API int KEMOWinGetDomainUG(int flags);
 /* The SID of a domain user into out; 0 or -1. */
 KEMO_API int KEMOGetDUserSid(const char *name, char *out, int size);
@@ -941,10 +941,11 @@ KEMO_API int KEMOGetDUserGid(const char *name);
 KEMO_API int KEMOPushDUser(PKLIBSZLIST *list);
 KEMO_API int KEMOPushDUserUsed(PKLIBSZLIST *list);
 
-/* SMB connections.  The process ids of the file server's sessions that
- * run as user, up to max into pids: the number found, or -1.  Ends those
- * sessions (each pid is checked to still be such a session): the number
- * ended, or -1. */
+/* SMB connections: the file server's session processes ("smbd" running
+ * with the user's effective uid; none for "root", so the server's own
+ * process is never listed).  Their ids, up to max, into pids: the number
+ * stored, or -1.  KEMODelConnOfSmb ends them (each pid is checked again to
+ * still be such a session): the number ended, or -1. */
 KEMO_API int KEMOGetConnPidOfSmb(const char *user, int32_t *pids, int max);
 KEMO_API int KEMODelConnOfSmb(const int32_t *pids, int count);
 
@@ -975,9 +976,11 @@ typedef struct KLIBGROUP {
 typedef char *KEMOGROUP;
 
 /* The group's name (as stored) and members into out.  needed = name
- * length + 9 + member length + 5 per member.  1 filled, 0 size query or
- * too small a buffer, -1 with ERR_BAD_PARAMETERS, ERR_NO_SUCH_GROUP,
- * ERR_LOCK_FAILED, ERR_UNLOCK_FAILED. */
+ * length + 1 + 2 * sizeof(char *), plus member length + 1 +
+ * sizeof(char *) per member (9 and 5 on the 32-bit appliance).  1 filled;
+ * 0 for a size query, or for too small a buffer (ERR_NOT_ENOUGH_MEMORY
+ * set); -1 with ERR_BAD_PARAMETERS, ERR_NO_SUCH_GROUP, ERR_LOCK_FAILED,
+ * ERR_UNLOCK_FAILED. */
 KEMO_API int KEMOGroupGet(int flags, int type, const char *name, char **out, int size,
                           int *needed);
 /* Group names (local groups of gid 65536 and above, and "users"; then
@@ -993,7 +996,8 @@ KEMO_API int KEMOGroupSet(int flags, int type, const char *oldName, const char *
 /* Deletes groups and their "@name" members of share lists.  0, or -1. */
 KEMO_API int KEMOGroupDelete(const char *const *names, int count);
 /* The group's decoded description: needed = length + 1; 1 filled, 0 size
- * query, -1.  KEMOGroupSetDesc replaces it: 0, or -1. */
+ * query, -1 (ERR_KEY_NOT_FOUND when the group has none).
+ * KEMOGroupSetDesc replaces it: 0, or -1. */
 KEMO_API int KEMOGroupGetDesc(const char *name, char *out, int size, int *needed);
 KEMO_API int KEMOGroupSetDesc(const char *name, const char *desc);
 /* Splits "name:member,member,..." into a KEMOGROUP array in one block
@@ -1060,13 +1064,15 @@ KEMO_API int KEMOShareEnum(char **out, int size, int *needed);
 KEMO_API int KEMOShareEnum1(char **out, int size, int *needed, int kinds);
 KEMO_API int BlShareIIsUsbSection(const char *name);
 KEMO_API int BlShareIIsSATASection(const char *name);
-/* The share's "path" into out.  0, or -1. */
+/* The share's "path" into out.  0, or -1 (ERR_NOT_ENOUGH_MEMORY when it
+ * does not fit). */
 KEMO_API int KEMOSharePathGet(const char *name, char *out, int size);
 /* 1 when user is named in the comma-separated access list (directly, by
  * "@users" or by a group), else 0. */
 KEMO_API int BlSDKUserIsInList(const char *user, const char *list);
 /* 1 when path lies inside a share's folder (or inside user's own home
- * folder under /home); 0 when not; -1 on failure. */
+ * folder under /home); 0 when not; -1 on failure (ERR_PATH_NOT_FOUND for a
+ * path that does not resolve). */
 KEMO_API int KEMOShareIsUnderValidPath(const char *user, const char *path);
 /* The stored spelling of a share name given in any letter case into
  * *stored (free it with KEMOShareGetCaseFree).  0, or -1 with

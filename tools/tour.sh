@@ -2,9 +2,29 @@
 # A short tour of libkemo through kemoctl, meant to run on a fresh factory
 # appliance (inside kemo-sandbox): every step prints the command it runs.
 set -e
+# The command line as one would type it: words with blanks or shell
+# characters in single quotes.
+shown() {
+    line=
+    for word; do
+        case $word in
+        '' | *[[:space:]\'\"\$\`\\\|\&\;\(\)\<\>\*\?\[\]\{\}#~!]*)
+            word="'$(printf '%s' "$word" | sed "s/'/'\\\\''/g")'" ;;
+        esac
+        line="$line${line:+ }$word"
+    done
+    printf '%s' "$line"
+}
 step() {
-    printf '\n$ %s\n' "$*"
+    printf '\n$ %s\n' "$(shown "$@")"
     "$@"
+}
+# feed TEXT COMMAND...: a step whose standard input is TEXT (printf escapes).
+feed() {
+    input=$1
+    shift
+    printf '\n$ printf %s | %s\n' "$(shown "$input")" "$(shown "$@")"
+    printf '%b' "$input" | "$@"
 }
 
 echo "== The library"
@@ -39,10 +59,38 @@ echo "== Sections of the file-sharing configuration"
 step kemoctl sections /usr/kemo/etc/smb.conf
 step kemoctl section /usr/kemo/etc/smb.conf photo
 step kemoctl section-set /usr/kemo/etc/smb.conf music "path=/volume1/music" "comment=Music"
-step kemoctl section-remove /usr/kemo/etc/smb.conf photo
 step cat /usr/kemo/etc/smb.conf
+step kemoctl section-remove /usr/kemo/etc/smb.conf music
+step kemoctl sections /usr/kemo/etc/smb.conf
 
 echo
 echo "== The factory appliance this tour runs on"
 step head -n 3 /etc/passwd
 step ls -l /etc/shadow /usr/kemo/etc/smb.conf
+
+echo
+echo "== Users: one alone, three in one transaction (names compare without case)"
+step kemoctl user add alice --password Alice-pw1 --desc "Alice Martin" --mail alice@example.com --expire 2030-12-31
+feed 'bob:Bob-pw2:Bob Stone\ncarol:Carol-pw3\ndave:Dave-pw4:Dave (intern)\n' kemoctl user add-batch
+step kemoctl user show alice
+step kemoctl user add ALICE --password other || true
+
+echo
+echo "== A group; renaming a user follows into group members and share lists"
+step kemoctl group add team alice bob
+step kemoctl section-set /usr/kemo/etc/smb.conf photo "write list=nobody,@administrators,bob,nobody"
+step kemoctl user rename bob robert
+step kemoctl group show team
+step kemoctl share show photo
+
+echo
+echo "== Access by the share lists (deny first, then read-write, then read-only)"
+step kemoctl share access public alice
+step kemoctl share access photo alice
+step kemoctl share access photo robert
+
+echo
+echo "== Deleting a user; the users and groups left"
+step kemoctl user delete carol
+step kemoctl user list
+step kemoctl group list
