@@ -19,36 +19,28 @@
 // both times, their ratio (ours / peer), the same ratio of CPU times (less
 // disturbed by a busy machine) and whether the target is met, then how each
 // cost grows with the size of the file.
+#include "bench_util.hpp"
 #include "kemo.h"
-#include "kemo_sandbox.hpp"
 
 #include <benchmark/benchmark.h>
 
 #include <fcntl.h>
-#include <spawn.h>
 #include <sys/stat.h>
-#include <sys/resource.h>
-#include <sys/statfs.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <functional>
-#include <map>
-#include <set>
-#include <sstream>
 #include <string>
 #include <string_view>
 #include <unordered_map>
 #include <utility>
 #include <vector>
 
-extern char **environ;
-
 namespace {
+
+using namespace kemo::bench;
 
 constexpr int kSizes[] = {30, 300, 3000};
 constexpr int kSections = 50;     // "global" and share01 .. share49
@@ -132,182 +124,7 @@ std::string smbContent(SmbStyle style)
     return s;
 }
 
-bool writeWhole(const std::string &path, const std::string &content)
-{
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << content;
-    return static_cast<bool>(out.flush());
-}
-
-std::string readWhole(const std::string &path)
-{
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
 // ------------------------------------------------------------ processes
-
-// An argument vector kept ready for posix_spawn.
-class Argv {
-public:
-    explicit Argv(std::vector<std::string> args) : args_(std::move(args))
-    {
-        for (auto &a : args_)
-            ptrs_.push_back(a.data());
-        ptrs_.push_back(nullptr);
-    }
-    Argv(const Argv &o) : Argv(o.args_) {}
-    char *const *get() const { return ptrs_.data(); }
-    const char *file() const { return args_[0].c_str(); }
-    std::string text() const
-    {
-        std::string s;
-        for (const auto &a : args_)
-            s += (s.empty() ? "" : " ") + (!a.empty() && a.find_first_of(" '") == std::string::npos ? a : "'" + a + "'");
-        return s;
-    }
-
-private:
-    std::vector<std::string> args_;
-    std::vector<char *> ptrs_;
-};
-
-// Waits for the child; its exit status (128 + signal when killed), or -1.
-// *cpuNs gets the CPU time it used (user + system).
-int waitFor(pid_t pid, double *cpuNs = nullptr)
-{
-    int status;
-    struct rusage usage {};
-    while (::wait4(pid, &status, 0, &usage) < 0)
-        if (errno != EINTR)
-            return -1;
-    if (cpuNs != nullptr)
-        *cpuNs = (static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) * 1e6 +
-                  static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec)) *
-                 1e3;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
-// Runs a program (searched in PATH) with standard output and error on
-// /dev/null.  Its exit status, or -1 when it could not be started; *cpuNs
-// gets the CPU time it used.
-int runQuiet(const Argv &argv, double *cpuNs)
-{
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
-    posix_spawn_file_actions_adddup2(&actions, STDOUT_FILENO, STDERR_FILENO);
-    pid_t pid;
-    const int rc = ::posix_spawnp(&pid, argv.file(), &actions, nullptr, argv.get(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    return rc == 0 ? waitFor(pid, cpuNs) : -1;
-}
-
-// Same, with standard output and error collected into *out.
-int runCapture(const Argv &argv, std::string *out)
-{
-    int fds[2];
-    if (::pipe2(fds, O_CLOEXEC) != 0)
-        return -1;
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, fds[1], STDOUT_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, fds[1], STDERR_FILENO);
-    pid_t pid;
-    const int rc = ::posix_spawnp(&pid, argv.file(), &actions, nullptr, argv.get(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    ::close(fds[1]);
-    if (rc != 0) {
-        ::close(fds[0]);
-        *out = std::string("cannot start: ") + std::strerror(rc);
-        return -1;
-    }
-    char buf[4096];
-    ssize_t got;
-    while ((got = ::read(fds[0], buf, sizeof buf)) > 0 || (got < 0 && errno == EINTR))
-        if (got > 0)
-            out->append(buf, static_cast<std::size_t>(got));
-    ::close(fds[0]);
-    return waitFor(pid);
-}
-
-// One program benchmark: the commands run in turn (a setter alternates two
-// values so that every run changes the file), after reset() has put the
-// input file in place.  check() runs once before the first timing and
-// returns why the program does not do the job (empty when it does); the
-// benchmark is then skipped with that reason.
-struct ProcCase {
-    std::vector<Argv> commands;
-    int status = 0; // the exit status every run must have
-    std::function<void()> reset;
-    std::function<std::string()> check;
-};
-
-std::map<std::string, std::string> checked; // benchmark name -> failure ("" when fine)
-
-void runProcCase(benchmark::State &state, const std::string &name, const ProcCase &c)
-{
-    if (c.reset)
-        c.reset();
-    auto known = checked.find(name);
-    if (known == checked.end())
-        known = checked.emplace(name, c.check ? c.check() : std::string()).first;
-    if (c.reset)
-        c.reset();
-    if (!known->second.empty()) {
-        state.SkipWithError(known->second.c_str());
-        return;
-    }
-    std::size_t turn = 0;
-    double cpuNs = 0;
-    for (auto _ : state) {
-        const Argv &argv = c.commands[turn++ % c.commands.size()];
-        double used = 0;
-        const int rc = runQuiet(argv, &used);
-        if (rc != c.status) {
-            checked[name] = argv.text() + ": exit status " + std::to_string(rc);
-            state.SkipWithError(checked[name].c_str());
-            break;
-        }
-        cpuNs += used;
-    }
-    // The CPU time of the program itself: unlike the wall time it does not
-    // count the time spent waiting for a CPU on a busy machine.
-    state.counters["child_cpu_us"] = benchmark::Counter(cpuNs / 1e3, benchmark::Counter::kAvgIterations);
-}
-
-// check() of a reader: its output holds `expected`.
-std::function<std::string()> outputHas(const Argv &argv, int status, std::string expected)
-{
-    return [argv, status, expected] {
-        std::string out;
-        const int rc = runCapture(argv, &out);
-        if (rc != status)
-            return argv.text() + ": exit status " + std::to_string(rc) + ": " + out;
-        if (out.find(expected) == std::string::npos)
-            return argv.text() + ": output lacks \"" + expected + "\": " + out;
-        return std::string();
-    };
-}
-
-// check() of a setter: after its first command the file holds the new
-// value and no longer the old one.
-std::function<std::string()> fileChanged(const Argv &argv, std::string path, std::string fresh,
-                                         std::string stale)
-{
-    return [argv, path, fresh, stale] {
-        std::string out;
-        const int rc = runCapture(argv, &out);
-        if (rc != 0)
-            return argv.text() + ": exit status " + std::to_string(rc) + ": " + out;
-        const std::string now = readWhole(path);
-        if (now.find(fresh) == std::string::npos || now.find(stale) != std::string::npos)
-            return argv.text() + ": the file did not get the new value";
-        return std::string();
-    };
-}
 
 Argv augtool(const std::string &lens, const std::string &path, std::vector<std::string> command,
              bool save = false)
@@ -545,48 +362,27 @@ void sectionMap(benchmark::State &state)
     }
 }
 
+
 // ------------------------------------------------------------ report
 
-// The console report, plus the time per run (the median of the repetitions
-// where there are some) of every benchmark, for the summary.  Benchmarks
-// are named "<operation>/<side>/<size>".
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    RatioReporter() : ConsoleReporter(isatty(STDOUT_FILENO) ? OO_ColorTabular : OO_Tabular) {}
+std::vector<int> sizesOf(std::string_view op)
+{
+    if (op.starts_with("section"))
+        return {kSectionSize};
+    if (op == "startup")
+        return {0};
+    return {std::begin(kSizes), std::end(kSizes)};
+}
 
-    void ReportRuns(const std::vector<Run> &runs) override
-    {
-        ConsoleReporter::ReportRuns(runs);
-        for (const Run &r : runs) {
-            if (r.error_occurred) {
-                errors_[r.run_name.str()] = r.error_message;
-                continue;
-            }
-            if (r.run_type == Run::RT_Aggregate && r.aggregate_name != "median")
-                continue;
-            const double toNs = 1e9 / benchmark::GetTimeUnitMultiplier(r.time_unit);
-            const double ns = r.GetAdjustedRealTime() * toNs;
-            // A program's own CPU time, else the CPU time of this process.
-            const auto child = r.counters.find("child_cpu_us");
-            const double cpu = child != r.counters.end() ? child->second.value * 1e3
-                                                         : r.GetAdjustedCPUTime() * toNs;
-            // A median replaces the single runs it summarises.
-            if (r.run_type == Run::RT_Aggregate || !medians_.count(r.run_name.str())) {
-                perRun_[r.run_name.str()] = ns;
-                cpuPerRun_[r.run_name.str()] = cpu;
-            }
-            if (r.run_type == Run::RT_Aggregate)
-                medians_.insert(r.run_name.str());
-        }
-    }
-
-    void printSummary(const std::string &where) const
-    {
-        struct Row {
-            const char *op, *what, *ours, *peer;
-            double limit; // target: ours / peer <= limit; 0: no target
-        };
-        const Row rows[] = {
+void printSummary(RatioReporter &reporter, const std::string &where)
+{
+    std::printf("\nSummary (median wall-clock times; ratio = ours / peer; cpu ratio = the same for\n"
+                "the CPU time of the program or call, which waiting for a CPU on a busy machine does\n"
+                "not distort; targets are judged on the wall-clock ratio; size: keys in the file, or\n"
+                "sections of the smb.conf-like file).\n%s\n\n",
+                where.c_str());
+    reporter.printComparisons(
+        {
             {"get", "get: KLIBFileGetKeyValue / fgets scan", "kemo", "fgets", 1.0},
             {"get_proc", "get: get_key_value / git config --get", "get_key_value", "git", 1.0},
             {"get_proc", "get: get_key_value / crudini --get", "get_key_value", "crudini", 1 / 20.0},
@@ -602,139 +398,36 @@ public:
             {"section_proc", "section: kemoctl / augtool print", "kemoctl", "augtool", 0},
             {"startup", "start-up: libkemo program / empty C", "kemo_usage", "empty", 0},
             {"startup", "start-up: libkemo program / git", "kemo_usage", "git_version", 0},
-        };
-        std::printf("\nSummary (median wall-clock times; ratio = ours / peer; cpu ratio = the same for\n"
-                    "the CPU time of the program or call, which waiting for a CPU on a busy machine does\n"
-                    "not distort; targets are judged on the wall-clock ratio; size: keys in the file, or\n"
-                    "sections of the smb.conf-like file).\n%s\n\n",
-                    where.c_str());
-        std::printf("%-42s %5s %10s %10s %8s %9s %14s %8s\n", "comparison", "size", "ours", "peer", "ratio",
-                    "cpu ratio", "target", "");
-        std::vector<std::string> missed, notRun;
-        for (const Row &row : rows) {
-            for (int n : sizesOf(row.op)) {
-                const double ours = lookup(row.op, row.ours, n);
-                const double peer = lookup(row.op, row.peer, n);
-                if (ours < 0 || peer <= 0) {
-                    std::printf("%-42s %5d %10s %10s %8s %9s %14s %8s\n", row.what, n, show(ours).c_str(),
-                                show(peer).c_str(), "n/a", "n/a", target(row.limit).c_str(),
-                                row.limit > 0 ? "NOT run" : "");
-                    if (row.limit > 0)
-                        notRun.push_back(std::string(row.what) + " at " + std::to_string(n));
-                    continue;
-                }
-                const double ratio = ours / peer;
-                const double cpuPeer = lookup(row.op, row.peer, n, true);
-                const double cpuRatio = cpuPeer > 0 ? lookup(row.op, row.ours, n, true) / cpuPeer : -1;
-                const bool met = ratio <= row.limit;
-                char r[32], c[32];
-                std::snprintf(r, sizeof r, "%.3fx", ratio);
-                std::snprintf(c, sizeof c, "%.3fx", cpuRatio);
-                std::printf("%-42s %5d %10s %10s %8s %9s %14s %8s\n", row.what, n, show(ours).c_str(),
-                            show(peer).c_str(), r, cpuRatio < 0 ? "n/a" : c, target(row.limit).c_str(),
-                            row.limit <= 0 ? "" : met ? "met" : "NOT met");
-                if (row.limit > 0 && !met)
-                    missed.push_back(std::string(row.what) + " at " + std::to_string(n));
-            }
-        }
+        },
+        sizesOf);
 
-        std::printf("\nGrowth with the file size (time at 300 and 3 000 keys / time at 30 keys)\n\n");
-        std::printf("%-10s %-14s %11s %9s %9s\n", "operation", "side", "at 30", "300/30", "3000/30");
-        const std::pair<const char *, std::vector<const char *>> sides[] = {
-            {"get", {"kemo", "fgets"}},
-            {"get_proc", {"get_key_value", "git", "crudini", "augtool"}},
-            {"set", {"kemo", "write", "scan_write"}},
-            {"set_proc", {"set_key_value", "git", "crudini", "augtool"}},
-        };
-        for (const auto &[op, names] : sides) {
-            for (const char *side : names) {
-                const double t30 = lookup(op, side, 30), t300 = lookup(op, side, 300),
-                             t3000 = lookup(op, side, 3000);
-                if (t30 <= 0 || t300 < 0 || t3000 < 0) {
-                    std::printf("%-10s %-14s %11s\n", op, side, "n/a");
-                    continue;
-                }
-                std::printf("%-10s %-14s %11s %8.2fx %8.2fx\n", op, side, show(t30).c_str(),
-                            t300 / t30, t3000 / t30);
-            }
-        }
-
-        if (!errors_.empty()) {
-            std::printf("\nSkipped:\n");
-            for (const auto &[name, why] : errors_)
-                std::printf("  %s: %s\n", name.c_str(), why.c_str());
-        }
-        std::printf("\nTargets not met: %zu\n", missed.size());
-        for (const auto &m : missed)
-            std::printf("  %s\n", m.c_str());
-        if (!notRun.empty()) {
-            std::printf("Targets not measured (skipped or filtered out): %zu\n", notRun.size());
-            for (const auto &m : notRun)
-                std::printf("  %s\n", m.c_str());
-        }
-    }
-
-private:
-    static std::vector<int> sizesOf(std::string_view op)
-    {
-        if (op.starts_with("section"))
-            return {kSectionSize};
-        if (op == "startup")
-            return {0};
-        return {std::begin(kSizes), std::end(kSizes)};
-    }
-
-    static std::string show(double ns)
-    {
-        char s[32];
-        if (ns < 0)
-            return "-";
-        if (ns < 1e6)
-            std::snprintf(s, sizeof s, "%.1f us", ns / 1e3);
-        else
-            std::snprintf(s, sizeof s, "%.2f ms", ns / 1e6);
-        return s;
-    }
-
-    static std::string target(double limit)
-    {
-        char s[32];
-        if (limit <= 0)
-            return "-";
-        if (limit >= 1)
-            std::snprintf(s, sizeof s, "<= %.2fx", limit);
-        else
-            std::snprintf(s, sizeof s, ">= %.0fx faster", 1 / limit);
-        return s;
-    }
-
-    double lookup(std::string_view op, std::string_view side, int n, bool cpu = false) const
-    {
-        // The registered name may carry suffixes such as "/repeats:3".
-        const std::string prefix = std::string(op) + "/" + std::string(side) + "/" + std::to_string(n);
-        for (const auto &[name, ns] : cpu ? cpuPerRun_ : perRun_)
-            if (name == prefix || name.starts_with(prefix + "/"))
-                return ns;
-        return -1;
-    }
-
-    std::map<std::string, double> perRun_;    // wall time, ns
-    std::map<std::string, double> cpuPerRun_; // CPU time, ns
-    std::set<std::string> medians_;
-    std::map<std::string, std::string> errors_;
-};
+    std::printf("\nGrowth with the file size (time at 300 and 3 000 keys / time at 30 keys)\n\n");
+    reporter.printGrowth(
+        {
+            {"get", "kemo"},
+            {"get", "fgets"},
+            {"get_proc", "get_key_value"},
+            {"get_proc", "git"},
+            {"get_proc", "crudini"},
+            {"get_proc", "augtool"},
+            {"set", "kemo"},
+            {"set", "write"},
+            {"set", "scan_write"},
+            {"set_proc", "set_key_value"},
+            {"set_proc", "git"},
+            {"set_proc", "crudini"},
+            {"set_proc", "augtool"},
+        },
+        {std::begin(kSizes), std::end(kSizes)}, RatioReporter::GrowthStyle::Ratios);
+    reporter.printOutcome();
+}
 
 // ------------------------------------------------------------ registration
-
-std::string name(const char *op, const char *side, int n)
-{
-    return std::string(op) + "/" + side + "/" + std::to_string(n);
-}
 
 // In-process benchmarks and quick programs: repeated, median kept.
 void quick(benchmark::internal::Benchmark *b, benchmark::TimeUnit unit)
 {
-    b->MinTime(kMinTime)->Repetitions(kRepeats)->ReportAggregatesOnly(true)->UseRealTime()->Unit(unit);
+    medianOf(b, kMinTime, kRepeats, unit);
 }
 
 // crudini and augtool: a fixed small number of runs.
@@ -744,16 +437,12 @@ bool slowProgram(const ProcCase &c)
     return first == "crudini" || first == "augtool";
 }
 
-void registerProc(const std::string &benchName, ProcCase c)
+void registerProc(const std::string &id, ProcCase c)
 {
-    const bool slow = slowProgram(c);
-    auto *b = benchmark::RegisterBenchmark(benchName.c_str(), [benchName, c](benchmark::State &state) {
-        runProcCase(state, benchName, c);
-    });
-    if (slow)
-        b->Iterations(kSlowIterations)->UseRealTime()->Unit(benchmark::kMillisecond);
+    if (slowProgram(c))
+        kemo::bench::registerProc(id, std::move(c), kSlowIterations, 1);
     else
-        quick(b, benchmark::kMillisecond);
+        kemo::bench::registerProc(id, std::move(c), 0, kRepeats, kMinTime);
 }
 
 void registerAll()
@@ -762,20 +451,20 @@ void registerAll()
         const std::string kv = kvPath(n), git = gitKvPath(n), k = readKey(n), v = value(n - 2);
         auto resetKv = [kv, n] { writeWhole(kv, kvContent(n)); };
         auto resetGit = [git, n] { writeWhole(git, gitKvContent(n)); };
-        quick(benchmark::RegisterBenchmark(name("get", "kemo", n).c_str(), getKemo, n), benchmark::kMicrosecond);
-        quick(benchmark::RegisterBenchmark(name("get", "fgets", n).c_str(), getFgets, n), benchmark::kMicrosecond);
+        quick(benchmark::RegisterBenchmark(benchName("get", "kemo", n).c_str(), getKemo, n), benchmark::kMicrosecond);
+        quick(benchmark::RegisterBenchmark(benchName("get", "fgets", n).c_str(), getFgets, n), benchmark::kMicrosecond);
 
         const Argv ours({KEMO_BENCH_GET_KEY_VALUE, kv, k});
-        registerProc(name("get_proc", "get_key_value", n), {{ours}, 0, resetKv, outputHas(ours, 0, v + "\n")});
+        registerProc(benchName("get_proc", "get_key_value", n), {{ours}, 0, resetKv, outputHas(ours, 0, v + "\n")});
         const Argv gitGet({"git", "config", "--file", git, "--get", "bench." + k});
-        registerProc(name("get_proc", "git", n), {{gitGet}, 0, resetGit, outputHas(gitGet, 0, v + "\n")});
+        registerProc(benchName("get_proc", "git", n), {{gitGet}, 0, resetGit, outputHas(gitGet, 0, v + "\n")});
         // A file without a section header: crudini takes its keys under
         // the empty section name.
         const Argv crudiniGet({"crudini", "--get", kv, "", k});
-        registerProc(name("get_proc", "crudini", n),
+        registerProc(benchName("get_proc", "crudini", n),
                      {{crudiniGet}, 0, resetKv, outputHas(crudiniGet, 0, v + "\n")});
         const Argv augGet = augtool("Simplevars", kv, {"get", "/files" + kv + "/" + k});
-        registerProc(name("get_proc", "augtool", n), {{augGet}, 0, resetKv, outputHas(augGet, 0, "= " + v + "\n")});
+        registerProc(benchName("get_proc", "augtool", n), {{augGet}, 0, resetKv, outputHas(augGet, 0, "= " + v + "\n")});
     }
 
     for (int n : kSizes) {
@@ -783,72 +472,58 @@ void registerAll()
         const std::string stale = value(n / 2) + "\n";
         auto resetKv = [kv, n] { writeWhole(kv, kvContent(n)); };
         auto resetGit = [git, n] { writeWhole(git, gitKvContent(n)); };
-        quick(benchmark::RegisterBenchmark(name("set", "kemo", n).c_str(), setKemo, n), benchmark::kMicrosecond);
-        quick(benchmark::RegisterBenchmark(name("set", "write", n).c_str(), setBare, n), benchmark::kMicrosecond);
-        quick(benchmark::RegisterBenchmark(name("set", "scan_write", n).c_str(), setScan, n),
+        quick(benchmark::RegisterBenchmark(benchName("set", "kemo", n).c_str(), setKemo, n), benchmark::kMicrosecond);
+        quick(benchmark::RegisterBenchmark(benchName("set", "write", n).c_str(), setBare, n), benchmark::kMicrosecond);
+        quick(benchmark::RegisterBenchmark(benchName("set", "scan_write", n).c_str(), setScan, n),
               benchmark::kMicrosecond);
 
         auto pair = [](const std::function<Argv(const char *)> &make) {
             return std::vector<Argv>{make("new-value-a"), make("new-value-b")};
         };
         const auto ours = pair([&](const char *val) { return Argv({KEMO_BENCH_SET_KEY_VALUE, kv, k, val}); });
-        registerProc(name("set_proc", "set_key_value", n),
+        registerProc(benchName("set_proc", "set_key_value", n),
                      {ours, 0, resetKv, fileChanged(ours[0], kv, "new-value-a", stale)});
         const auto crudiniSet = pair([&](const char *val) { return Argv({"crudini", "--set", kv, "", k, val}); });
-        registerProc(name("set_proc", "crudini", n),
+        registerProc(benchName("set_proc", "crudini", n),
                      {crudiniSet, 0, resetKv, fileChanged(crudiniSet[0], kv, "new-value-a", stale)});
         const auto augSet = pair([&](const char *val) {
             return augtool("Simplevars", kv, {"set", "/files" + kv + "/" + k, val}, true);
         });
-        registerProc(name("set_proc", "augtool", n),
+        registerProc(benchName("set_proc", "augtool", n),
                      {augSet, 0, resetKv, fileChanged(augSet[0], kv, "new-value-a", stale)});
         const auto gitSet = pair([&](const char *val) { return Argv({"git", "config", "--file", git, "bench." + k, val}); });
-        registerProc(name("set_proc", "git", n),
+        registerProc(benchName("set_proc", "git", n),
                      {gitSet, 0, resetGit, fileChanged(gitSet[0], git, "new-value-a", stale)});
     }
 
     const std::string path = "/share/" + kSection;
-    quick(benchmark::RegisterBenchmark(name("section", "kemo", kSectionSize).c_str(), sectionKemo),
+    quick(benchmark::RegisterBenchmark(benchName("section", "kemo", kSectionSize).c_str(), sectionKemo),
           benchmark::kMicrosecond);
-    quick(benchmark::RegisterBenchmark(name("section", "map", kSectionSize).c_str(), sectionMap),
+    quick(benchmark::RegisterBenchmark(benchName("section", "map", kSectionSize).c_str(), sectionMap),
           benchmark::kMicrosecond);
     const Argv kemoctl({KEMO_BENCH_KEMOCTL, "section", smbPath, kSection});
-    registerProc(name("section_proc", "kemoctl", kSectionSize), {{kemoctl}, 0, {}, outputHas(kemoctl, 0, path)});
+    registerProc(benchName("section_proc", "kemoctl", kSectionSize), {{kemoctl}, 0, {}, outputHas(kemoctl, 0, path)});
     // crudini takes an indented line for the continuation of the one before
     // it, so it reads the same file without the indentation; it lists the
     // keys of a section.
     const Argv crudiniSection({"crudini", "--get", smbFlatPath, kSection});
-    registerProc(name("section_proc", "crudini", kSectionSize),
+    registerProc(benchName("section_proc", "crudini", kSectionSize),
                  {{crudiniSection}, 0, {}, outputHas(crudiniSection, 0, "valid users\n")});
     const Argv gitSection({"git", "config", "--file", smbGitPath, "--get-regexp", "^" + kSection + "\\."});
-    registerProc(name("section_proc", "git", kSectionSize), {{gitSection}, 0, {}, outputHas(gitSection, 0, path)});
+    registerProc(benchName("section_proc", "git", kSectionSize), {{gitSection}, 0, {}, outputHas(gitSection, 0, path)});
     const Argv augSection =
         augtool("Samba", smbPath, {"print", "/files" + smbPath + "/target[. = '" + kSection + "']"});
-    registerProc(name("section_proc", "augtool", kSectionSize),
+    registerProc(benchName("section_proc", "augtool", kSectionSize),
                  {{augSection}, 0, {}, outputHas(augSection, 0, "/path = \"" + path + "\"")});
 
     // Bare start-up: the libkemo program with no arguments loads the
     // library (and what it needs), prints its usage and exits 2.
     const Argv kemoUsage({KEMO_BENCH_GET_KEY_VALUE});
-    registerProc(name("startup", "kemo_usage", 0), {{kemoUsage}, 2, {}, outputHas(kemoUsage, 2, "usage")});
+    registerProc(benchName("startup", "kemo_usage", 0), {{kemoUsage}, 2, {}, outputHas(kemoUsage, 2, "usage")});
     const Argv empty({"true"});
-    registerProc(name("startup", "empty", 0), {{empty}, 0, {}, {}});
+    registerProc(benchName("startup", "empty", 0), {{empty}, 0, {}, {}});
     const Argv gitVersion({"git", "--version"});
-    registerProc(name("startup", "git_version", 0), {{gitVersion}, 0, {}, outputHas(gitVersion, 0, "git version")});
-}
-
-// Where the files live, for the report.
-std::string describeDir()
-{
-    struct statfs fs;
-    constexpr long kOverlay = 0x794c7630;
-    std::string s = "Files in " + kDir + " inside the appliance sandbox, ";
-    if (::statfs(kDir.c_str(), &fs) == 0 && static_cast<long>(fs.f_type) == kOverlay)
-        s += "on its overlay root whose upper layer is tmpfs: no disk is involved and fsync is cheap; "
-             "every side works on the same file system.";
-    else
-        s += "on a file system that is not the sandbox's overlay (unexpected).";
-    return s;
+    registerProc(benchName("startup", "git_version", 0), {{gitVersion}, 0, {}, outputHas(gitVersion, 0, "git version")});
 }
 
 bool prepare(std::string *why)
@@ -875,18 +550,9 @@ bool prepare(std::string *why)
 
 int main(int argc, char **argv)
 {
-    // The settings programs and the library touch /etc, /tmp/lock and
-    // /var/log: only ever inside the throwaway sandbox.
-    if (::geteuid() != 0) {
-        std::fprintf(stderr, "bench_settings: must run as root: it works inside the appliance sandbox "
-                             "(a private mount namespace) so that this machine's files stay untouched\n");
+    if (!enterSandbox("bench_settings"))
         return 1;
-    }
     std::string why;
-    if (!kemo::sandbox::enter(&why)) {
-        std::fprintf(stderr, "bench_settings: cannot enter the appliance sandbox: %s\n", why.c_str());
-        return 1;
-    }
     if (!prepare(&why)) {
         std::fprintf(stderr, "bench_settings: %s\n", why.c_str());
         return 1;
@@ -896,19 +562,16 @@ int main(int argc, char **argv)
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv))
         return 1;
-    const std::string where = describeDir();
+    const std::string where = describePlace("Files in " + kDir, kDir);
     std::printf("%s\nFile sizes: %zu, %zu and %zu bytes (30, 300, 3 000 keys); smb.conf-like file %zu bytes "
                 "(%d sections of 8 keys).\n\n",
                 where.c_str(), kvContent(30).size(), kvContent(300).size(), kvContent(3000).size(),
                 smbContent(SmbStyle::Tabbed).size(), kSections);
-#ifdef NDEBUG
-    std::printf("libkemo and this benchmark are an optimised build; Google Benchmark's warning about a DEBUG\n"
-                "build, if any, is about the system's benchmark library.\n\n");
-#endif
+    printBuildNote();
     std::fflush(stdout);
     RatioReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
-    reporter.printSummary(where);
+    printSummary(reporter, where);
     benchmark::Shutdown();
     return 0;
 }
