@@ -12,7 +12,9 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
+#include <cstring>
 
 namespace kemo::accounts {
 
@@ -218,6 +220,54 @@ std::string setting(const char *path, const char *key)
 bool guest_support()
 {
     return setting(kDefaults, "guestsupport") == "yes";
+}
+
+bool equal_nocase(std::string_view a, std::string_view b) noexcept
+{
+    auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; };
+    return a.size() == b.size() &&
+           std::equal(a.begin(), a.end(), b.begin(), [&](char x, char y) { return lower(x) == lower(y); });
+}
+
+// ---------------------------------------------------------------- two-call buffers
+
+long long packed_size(const std::vector<std::string> &texts)
+{
+    std::size_t total = sizeof(char *);
+    for (const std::string &t : texts)
+        total += t.size() + 1 + sizeof(char *);
+    return total > static_cast<std::size_t>(INT_MAX) ? -1 : static_cast<long long>(total);
+}
+
+void pack(const std::vector<std::string> &texts, char **out, int size)
+{
+    char *end = reinterpret_cast<char *>(out) + size;
+    for (std::size_t i = 0; i < texts.size(); ++i) {
+        end -= texts[i].size() + 1;
+        std::memcpy(end, texts[i].c_str(), texts[i].size() + 1);
+        out[i] = end;
+    }
+    out[texts.size()] = nullptr;
+}
+
+int store_names(const std::vector<std::string> &texts, char **out, int size, int *needed)
+{
+    const long long total = packed_size(texts);
+    if (total < 0)
+        return fail(-1, ERR_NOT_ENOUGH_MEMORY);
+    *needed = static_cast<int>(total);
+    if (out == nullptr)
+        return 0;
+    if (total > size)
+        return fail(-1, ERR_NOT_ENOUGH_MEMORY);
+    pack(texts, out, size);
+    return static_cast<int>(texts.size());
+}
+
+bool enum_arguments_ok(char *const *out, int size, const int *needed) noexcept
+{
+    return needed != nullptr && size >= 0 &&
+           (out == nullptr ? size == 0 : size >= static_cast<int>(sizeof(char *)));
 }
 
 // ---------------------------------------------------------------- transaction

@@ -137,6 +137,24 @@ std::string rewrite_members(std::string_view list, const MemberMap &map, std::st
 bool stage_list_rewrite(Transaction &txn, const MemberMap &map, std::string_view prefix,
                         bool with_group_file);
 
+// ASCII comparison without case, for the fixed ASCII words of the account
+// and share files ("nobody", "@users", "global", domain prefixes).
+bool equal_nocase(std::string_view a, std::string_view b) noexcept;
+
+// The two-call layout of the enumerators: a NULL-terminated array of text
+// pointers at the buffer's start, the texts copied from its end backwards.
+// Bytes that texts take in it; -1 when that exceeds an int.
+long long packed_size(const std::vector<std::string> &texts);
+// Fills out (size bytes, at least packed_size) with texts.
+void pack(const std::vector<std::string> &texts, char **out, int size);
+// The whole two-call answer: sets *needed; 0 for a size query (out NULL),
+// the number of texts when out was filled, -1 with ERR_NOT_ENOUGH_MEMORY
+// when size is too small.
+int store_names(const std::vector<std::string> &texts, char **out, int size, int *needed);
+// The enumerators' argument rules: needed given, a buffer only with room
+// for at least its terminating pointer, no size without a buffer.
+bool enum_arguments_ok(char *const *out, int size, const int *needed) noexcept;
+
 // A settings value of /etc.defaults/kemoinfo.conf (or another file), ""
 // when absent.
 std::string setting(const char *path, const char *key);

@@ -11,6 +11,9 @@
 #include "kemo_io.hpp"
 #include "kemo_process.hpp"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <dirent.h>
 #include <pwd.h>
 #include <signal.h>
@@ -67,22 +70,6 @@ bool domain_joined()
     return setting(kSettings, "domainjoined") == "yes";
 }
 
-bool equal_nocase(std::string_view a, std::string_view b) noexcept
-{
-    if (a.size() != b.size())
-        return false;
-    for (std::size_t i = 0; i < a.size(); ++i) {
-        char x = a[i], y = b[i];
-        if (x >= 'A' && x <= 'Z')
-            x = static_cast<char>(x - 'A' + 'a');
-        if (y >= 'A' && y <= 'Z')
-            y = static_cast<char>(y - 'A' + 'a');
-        if (x != y)
-            return false;
-    }
-    return true;
-}
-
 bool is_domain(std::string_view name)
 {
     return IsDomainUG(std::string(name).c_str()) == 2;
@@ -132,6 +119,20 @@ std::optional<int> parse_id(std::string_view text)
     if (text.empty() || ec != std::errc() || end != text.data() + text.size() || value < 0)
         return std::nullopt;
     return value;
+}
+
+// A uid or gid the lookup tool answers with, or -1 (logged with what).
+int lookup_id(std::string_view tmpl, std::string_view arg, const char *what)
+{
+    const auto answer = lookup(tmpl, {arg}, kemo::Output::first_line);
+    if (!answer)
+        return -1;
+    const auto id = parse_id(*answer);
+    if (!id) {
+        KEMO_LOG("error %s", what);
+        return fail(-1, ERR_SYS_UNKNOWN);
+    }
+    return *id;
 }
 
 // Replaces path with content through its twin.
@@ -210,10 +211,14 @@ int push_listed(const char *path, PKLIBSZLIST *list, bool skip_machines)
 std::optional<uid_t> smbd_euid(pid_t pid)
 {
     const std::string dir = "/proc/" + std::to_string(pid);
-    kemo::FilePtr comm = kemo::open_file((dir + "/comm").c_str(), "r");
+    // One plain read: this runs for every process on the machine.
     char name[32] = {};
-    if (!comm || std::fgets(name, sizeof name, comm.get()) == nullptr ||
-        std::strcmp(name, "smbd\n") != 0)
+    const int fd = ::open((dir + "/comm").c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return std::nullopt;
+    const ssize_t n = ::read(fd, name, sizeof name - 1);
+    ::close(fd);
+    if (n != 5 || std::memcmp(name, "smbd\n", 5) != 0)
         return std::nullopt;
     std::optional<uid_t> euid;
     kemo::for_each_line((dir + "/status").c_str(), [&](std::string_view line) {
@@ -419,16 +424,7 @@ KEMO_API int KEMOGetDUserUid(const char *name)
             KEMO_LOG("get uid fail");
             return -1;
         }
-        const auto answer =
-            lookup("/usr/kemo/bin/wbinfo -S %s 2>/dev/null", {sid}, kemo::Output::first_line);
-        if (!answer)
-            return -1;
-        const auto uid = parse_id(*answer);
-        if (!uid) {
-            KEMO_LOG("error uid");
-            return fail(-1, ERR_SYS_UNKNOWN);
-        }
-        return *uid;
+        return lookup_id("/usr/kemo/bin/wbinfo -S %s 2>/dev/null", sid, "uid");
     });
 }
 
@@ -446,16 +442,7 @@ KEMO_API int KEMOGetDUserGid(const char *name)
                                        : std::string(text.substr(0, slash));
         const std::string_view user = slash == std::string_view::npos ? text : text.substr(slash + 1);
         const std::string qualified = domain + "\\" + std::string(user);
-        const auto answer =
-            lookup("/usr/kemo/bin/wbinfo -r %s 2>/dev/null", {qualified}, kemo::Output::first_line);
-        if (!answer)
-            return -1;
-        const auto gid = parse_id(*answer);
-        if (!gid) {
-            KEMO_LOG("error gid");
-            return fail(-1, ERR_SYS_UNKNOWN);
-        }
-        return *gid;
+        return lookup_id("/usr/kemo/bin/wbinfo -r %s 2>/dev/null", qualified, "gid");
     });
 }
 

@@ -266,29 +266,6 @@ struct OwnedList {
 
 // ------------------------------------------------------ two-call buffers
 
-// Bytes the texts take in the two-call layout: the NULL-ended pointer
-// array, then the texts with their NULs.  -1 when that exceeds an int.
-long long layout_size(const std::vector<std::string> &texts)
-{
-    std::size_t total = sizeof(char *);
-    for (const std::string &t : texts)
-        total += t.size() + 1 + sizeof(char *);
-    return total > static_cast<std::size_t>(INT_MAX) ? -1 : static_cast<long long>(total);
-}
-
-// Fills out (size bytes, at least layout_size) with the pointer array at
-// its start and the texts copied from its end backwards.
-void layout(const std::vector<std::string> &texts, char **out, int size)
-{
-    char *end = reinterpret_cast<char *>(out) + size;
-    for (std::size_t i = 0; i < texts.size(); ++i) {
-        end -= texts[i].size() + 1;
-        std::memcpy(end, texts[i].c_str(), texts[i].size() + 1);
-        out[i] = end;
-    }
-    out[texts.size()] = nullptr;
-}
-
 // ------------------------------------------------------ enumeration
 
 // The group names the enumeration filter yields: local groups of gid 65536
@@ -321,6 +298,15 @@ bool collect_names(int flags, std::vector<std::string> &names)
             names.emplace_back(list.p->pszItem[i]);
     }
     return true;
+}
+
+// The same, read under the group readers' lock.
+bool read_names(int flags, std::vector<std::string> &names)
+{
+    acc::FileLock lock(acc::kGroupReadLock, acc::kGroupReadUnlock);
+    if (!lock.held())
+        return fail(false, ERR_LOCK_FAILED);
+    return collect_names(flags, names) && lock.release();
 }
 
 // ------------------------------------------------------ set and delete
@@ -681,7 +667,7 @@ KEMO_API int KEMOGroupGet(int flags, int type, const char *name, char **out, int
             return fail(-1, ERR_NO_SUCH_GROUP);
         if (!lock.release())
             return -1;
-        const long long total = layout_size(texts);
+        const long long total = acc::packed_size(texts);
         if (total < 0)
             return fail(-1, ERR_OUT_OF_MEMORY);
         *needed = static_cast<int>(total);
@@ -689,35 +675,18 @@ KEMO_API int KEMOGroupGet(int flags, int type, const char *name, char **out, int
             return 0;
         if (total > size)
             return fail(0, ERR_NOT_ENOUGH_MEMORY);
-        layout(texts, out, size);
+        acc::pack(texts, out, size);
         return 1;
     });
 }
 
 KEMO_API int KEMOGroupEnum(int flags, char **out, int size, int *needed)
 {
-    if (flags < 0 || flags > 3 || needed == nullptr || size < 0 || (out == nullptr && size != 0) ||
-        (out != nullptr && size < static_cast<int>(sizeof(char *))))
+    if (flags < 0 || flags > 3 || !acc::enum_arguments_ok(out, size, needed))
         return fail(-1, ERR_BAD_PARAMETERS);
     return kemo::edge(-1, [&] {
-        acc::FileLock lock(acc::kGroupReadLock, acc::kGroupReadUnlock);
-        if (!lock.held())
-            return fail(-1, ERR_LOCK_FAILED);
         std::vector<std::string> names;
-        if (!collect_names(flags, names))
-            return -1;
-        if (!lock.release())
-            return -1;
-        const long long total = layout_size(names);
-        if (total < 0)
-            return fail(-1, ERR_OUT_OF_MEMORY);
-        *needed = static_cast<int>(total);
-        if (out == nullptr)
-            return 0;
-        if (total > size)
-            return fail(-1, ERR_NOT_ENOUGH_MEMORY);
-        layout(names, out, size);
-        return static_cast<int>(names.size());
+        return read_names(flags, names) ? acc::store_names(names, out, size, needed) : -1;
     });
 }
 
@@ -726,15 +695,8 @@ KEMO_API int KEMOGroupTotalNum(int flags)
     if (flags < 0 || flags > 3)
         return fail(-1, ERR_BAD_PARAMETERS);
     return kemo::edge(-1, [&] {
-        acc::FileLock lock(acc::kGroupReadLock, acc::kGroupReadUnlock);
-        if (!lock.held())
-            return fail(-1, ERR_LOCK_FAILED);
         std::vector<std::string> names;
-        if (!collect_names(flags, names))
-            return -1;
-        if (!lock.release())
-            return -1;
-        return static_cast<int>(names.size());
+        return read_names(flags, names) ? static_cast<int>(names.size()) : -1;
     });
 }
 

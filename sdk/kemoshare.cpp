@@ -37,24 +37,6 @@ struct CFree {
     void operator()(char *p) const noexcept { std::free(p); }
 };
 
-// ASCII comparison without case, for the fixed ASCII words of the share
-// file ("nobody", "@users", section prefixes).
-bool equal_nocase(std::string_view a, std::string_view b) noexcept
-{
-    if (a.size() != b.size())
-        return false;
-    for (std::size_t i = 0; i < a.size(); ++i) {
-        char x = a[i], y = b[i];
-        if (x >= 'A' && x <= 'Z')
-            x = static_cast<char>(x - 'A' + 'a');
-        if (y >= 'A' && y <= 'Z')
-            y = static_cast<char>(y - 'A' + 'a');
-        if (x != y)
-            return false;
-    }
-    return true;
-}
-
 // Sections that configure the server rather than export a folder.
 bool is_reserved(std::string_view name)
 {
@@ -155,38 +137,6 @@ R under_share_lock(R failure, const char *caller, F &&body)
     if (!lock.release())
         return failure;
     return result;
-}
-
-// Stores names in the two-call layout: a NULL-terminated pointer array at
-// the buffer's start, the texts from its end backwards.
-int store_names(const std::vector<std::string> &names, char **out, int size, int *needed)
-{
-    std::size_t total = sizeof(char *);
-    for (const std::string &name : names)
-        total += name.size() + 1 + sizeof(char *);
-    if (total > INT_MAX)
-        return fail(-1, ERR_NOT_ENOUGH_MEMORY);
-    *needed = static_cast<int>(total);
-    if (out == nullptr)
-        return 0;
-    if (total > static_cast<std::size_t>(size))
-        return fail(-1, ERR_NOT_ENOUGH_MEMORY);
-    char *end = reinterpret_cast<char *>(out) + size;
-    for (std::size_t i = 0; i < names.size(); ++i) {
-        end -= names[i].size() + 1;
-        std::memcpy(end, names[i].c_str(), names[i].size() + 1);
-        out[i] = end;
-    }
-    out[names.size()] = nullptr;
-    return static_cast<int>(names.size());
-}
-
-// The enumerators' argument rules: needed given, a buffer only with room
-// for at least its terminating pointer, no size without a buffer.
-bool enum_arguments_ok(char **out, int size, const int *needed) noexcept
-{
-    return needed != nullptr && size >= 0 &&
-           (out == nullptr ? size == 0 : size >= static_cast<int>(sizeof(char *)));
 }
 
 // An access list without its "nobody" members and without a final ",".

@@ -14,11 +14,14 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <climits>
 #include <cstdlib>
+#include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <deque>
 #include <memory>
 #include <optional>
 #include <string>
@@ -72,38 +75,179 @@ std::optional<long> number(std::string_view text)
     return value;
 }
 
+// The uid (third field) of a passwd line, without splitting the rest.
+std::optional<long> uid_field(std::string_view line)
+{
+    const auto first = line.find(':');
+    const auto second = first == std::string_view::npos ? first : line.find(':', first + 1);
+    if (second == std::string_view::npos)
+        return std::nullopt;
+    const auto third = line.find(':', second + 1);
+    return number(line.substr(second + 1, third == std::string_view::npos ? third : third - second - 1));
+}
+
 bool has_line_break(const char *text)
 {
     return text != nullptr && std::strpbrk(text, "\r\n") != nullptr;
 }
 
-// Account lines by name key (the first line of a name wins).
+// The names a call works on, by key.  Account files are scanned for these
+// names only: a line whose name is plain ASCII of another length cannot
+// hold one of them (ASCII upper-casing keeps the length), so it is passed
+// over without upper-casing its name.  Keeps a call's cost from growing
+// with every account on the appliance.
+class NameKeys {
+public:
+    void add(std::string key)
+    {
+        if (key.size() >= lengths_.size())
+            lengths_.resize(key.size() + 1);
+        lengths_[key.size()] = true;
+        keys_.insert(std::move(key));
+    }
+    bool empty() const noexcept { return keys_.empty(); }
+    // The key of name when it is one of these.  Plain ASCII names are
+    // upper-cased on the stack: no allocation for the lines that do not match.
+    std::optional<std::string> match(std::string_view name) const
+    {
+        const bool ascii =
+            std::all_of(name.begin(), name.end(), [](char ch) { return (ch & 0x80) == 0; });
+        if (!ascii) {
+            std::string key = key_of(name);
+            return keys_.contains(key) ? std::optional<std::string>(std::move(key)) : std::nullopt;
+        }
+        if (name.size() >= lengths_.size() || !lengths_[name.size()])
+            return std::nullopt;
+        std::array<char, 256> buffer;
+        if (name.size() > buffer.size())
+            return std::nullopt; // longer than any account name
+        std::transform(name.begin(), name.end(), buffer.begin(), [](char ch) {
+            return ch >= 'a' && ch <= 'z' ? static_cast<char>(ch - 'a' + 'A') : ch;
+        });
+        const std::string_view key(buffer.data(), name.size());
+        const auto hit = keys_.find(key);
+        return hit == keys_.end() ? std::nullopt : std::optional<std::string>(*hit);
+    }
+
+private:
+    struct Hash {
+        using is_transparent = void;
+        std::size_t operator()(std::string_view text) const noexcept
+        {
+            return std::hash<std::string_view>{}(text);
+        }
+    };
+    std::unordered_set<std::string, Hash, std::equal_to<>> keys_;
+    std::vector<bool> lengths_;
+};
+
+// An account file held as one block of text: its lines are views into the
+// block, and only the lines a call changes or adds are strings of their
+// own.  Reading, keeping and writing back thousands of accounts then costs
+// one read, one scan and one copy, not an allocation per line.  Not
+// movable: the views point into it.
+class AccountFile {
+public:
+    AccountFile() = default;
+    AccountFile(const AccountFile &) = delete;
+    AccountFile &operator=(const AccountFile &) = delete;
+
+    // false with ERR_OPEN_FAILED or ERR_READ_FAILED.
+    bool read(const char *path)
+    {
+        kemo::FilePtr in = kemo::open_file(path, "r");
+        if (!in)
+            return fail(false, ERR_OPEN_FAILED);
+        char chunk[64 * 1024];
+        std::size_t n;
+        while ((n = std::fread(chunk, 1, sizeof chunk, in.get())) > 0)
+            text_.append(chunk, n);
+        if (std::ferror(in.get()))
+            return fail(false, ERR_READ_FAILED);
+        std::string_view rest = text_;
+        while (!rest.empty()) {
+            const auto end = rest.find('\n');
+            lines_.push_back(rest.substr(0, end));
+            if (end == std::string_view::npos) {
+                final_newline_ = false;
+                break;
+            }
+            rest.remove_prefix(end + 1);
+        }
+        return true;
+    }
+
+    std::size_t size() const noexcept { return lines_.size(); }
+    std::string_view operator[](std::size_t i) const noexcept { return lines_[i]; }
+    void set(std::size_t i, std::string line) { lines_[i] = own(std::move(line)); }
+    void append(std::string line)
+    {
+        lines_.push_back(own(std::move(line)));
+        final_newline_ = true;
+    }
+    // Replaces the line at index, or appends when index is null.
+    void put(const std::size_t *index, std::string line)
+    {
+        if (index != nullptr)
+            set(*index, std::move(line));
+        else
+            append(std::move(line));
+    }
+
+    // The content, without the lines for which drop(line) holds.
+    template <class Drop>
+    std::string text(Drop &&drop) const
+    {
+        std::string out;
+        out.reserve(text_.size() + 256);
+        for (const std::string_view line : lines_)
+            if (!drop(line))
+                out.append(line).push_back('\n');
+        if (!final_newline_ && !out.empty())
+            out.pop_back();
+        return out;
+    }
+    std::string text() const
+    {
+        return text([](std::string_view) { return false; });
+    }
+
+private:
+    std::string_view own(std::string line)
+    {
+        owned_.push_back(std::move(line)); // a deque keeps its elements in place
+        return owned_.back();
+    }
+
+    std::string text_;
+    std::vector<std::string_view> lines_;
+    std::deque<std::string> owned_;
+    bool final_newline_ = true;
+};
+
+// Account lines of the wanted names by key (the first line of a name wins).
 using LineIndex = std::unordered_map<std::string, std::size_t>;
 
-LineIndex index_lines(const Lines &file)
+LineIndex index_lines(const AccountFile &file, const NameKeys &wanted)
 {
     LineIndex index;
-    index.reserve(file.lines.size());
-    for (std::size_t i = 0; i < file.lines.size(); ++i) {
-        const std::string_view name = name_field(file.lines[i]);
-        if (!name.empty())
-            index.emplace(key_of(name), i);
+    for (std::size_t i = 0; i < file.size(); ++i) {
+        const std::string_view name = name_field(file[i]);
+        if (name.empty())
+            continue;
+        if (auto key = wanted.match(name))
+            index.emplace(std::move(*key), i);
     }
     return index;
 }
 
-// The lines without those whose account key is in drop.
-Lines without_accounts(const Lines &file, const MemberMap &drop)
+// The content without the lines of the dropped names.
+std::string without_accounts(const AccountFile &file, const NameKeys &drop)
 {
-    Lines out;
-    out.final_newline = file.final_newline;
-    out.lines.reserve(file.lines.size());
-    for (const std::string &line : file.lines) {
+    return file.text([&](std::string_view line) {
         const std::string_view name = name_field(line);
-        if (name.empty() || !drop.contains(key_of(name)))
-            out.lines.push_back(line);
-    }
-    return out;
+        return !name.empty() && drop.match(name).has_value();
+    });
 }
 
 // Puts a line at index, or appends it (with a newline after the old last
@@ -334,25 +478,26 @@ std::string encoded_desc(const char *desc)
 
 // Hands out uids 1024..2048 after the last one given (/etc/curUID.conf),
 // wrapping at the top.  A uid is free when neither our passwd file nor the
-// system's account database uses it.  The database is read once per
-// transaction with setpwent/getpwent into a snapshot of that range, and the
-// uids this batch hands out are added to it: probing getpwuid once per
-// candidate would scan the whole database per probe and make a batch of a
-// thousand users quadratic.
+// system's account database (glibc, which also sees any other account
+// source) uses it.  Our file is read once into a map of the range.  The
+// database is asked with getpwuid about each candidate our file leaves
+// free, which for a small batch is one lookup per new account; a larger
+// batch reads the database once with getpwent into the map instead, since
+// one getpwuid per account scans the whole database every time and would
+// make a batch of a thousand users quadratic.
 class UidAllocator {
 public:
-    UidAllocator(const Lines &passwd_file, int last)
-        : last_(last), used_(kLastUid - kFirstUid + 1)
+    UidAllocator(const AccountFile &passwd_file, int last, std::size_t creations)
+        : last_(last), used_(kLastUid - kFirstUid + 1), snapshot_(creations > kSmallBatch)
     {
-        for (const std::string &line : passwd_file.lines) {
-            const auto fields = split(line);
-            if (fields.size() >= 3)
-                mark(number(fields[2]).value_or(-1));
+        for (std::size_t i = 0; i < passwd_file.size(); ++i)
+            mark(uid_field(passwd_file[i]).value_or(-1));
+        if (snapshot_) {
+            setpwent();
+            while (const passwd *entry = getpwent())
+                mark(static_cast<long>(entry->pw_uid));
+            endpwent();
         }
-        setpwent();
-        while (const passwd *entry = getpwent())
-            mark(static_cast<long>(entry->pw_uid));
-        endpwent();
     }
 
     std::optional<int> next()
@@ -362,11 +507,13 @@ public:
             candidate = candidate + 1;
             if (candidate > kLastUid || candidate < kFirstUid)
                 candidate = kFirstUid;
-            if (!used_[static_cast<std::size_t>(candidate - kFirstUid)]) {
-                used_[static_cast<std::size_t>(candidate - kFirstUid)] = true;
-                last_ = candidate;
-                return candidate;
-            }
+            if (used_[static_cast<std::size_t>(candidate - kFirstUid)])
+                continue;
+            used_[static_cast<std::size_t>(candidate - kFirstUid)] = true;
+            if (!snapshot_ && getpwuid(static_cast<uid_t>(candidate)) != nullptr)
+                continue;
+            last_ = candidate;
+            return candidate;
         }
         KEMO_LOG("Out of UID, counts=%d", kUidProbes);
         return fail(std::optional<int>{}, ERR_TOO_MANY_USERS);
@@ -375,6 +522,8 @@ public:
     int last() const noexcept { return last_; }
 
 private:
+    static constexpr std::size_t kSmallBatch = 8;
+
     void mark(long uid)
     {
         if (uid >= kFirstUid && uid <= kLastUid)
@@ -383,6 +532,7 @@ private:
 
     int last_;
     std::vector<bool> used_;
+    bool snapshot_;
 };
 
 // The last uid handed out; 1024 when the counter is absent or unreadable.
@@ -428,18 +578,17 @@ struct LocalScan {
 
     void line(std::string_view text)
     {
-        const auto fields = split(kemo::chomp(text));
-        if (fields.size() < 3 || fields[0].empty())
-            return;
-        const auto uid = number(fields[2]);
-        if (!uid)
+        text = kemo::chomp(text);
+        const auto colon = text.find(':');
+        const auto uid = uid_field(text);
+        if (colon == 0 || colon == std::string_view::npos || !uid)
             return;
         ++entries;
         if (*uid < kFirstUid || *uid >= kNobodyUid || (*uid == kGuestUid && !guest))
             return;
         ++users;
         if (names != nullptr)
-            names->emplace_back(fields[0]);
+            names->emplace_back(text.substr(0, colon));
     }
     // A passwd file that lost its users is refused rather than shown empty.
     bool truncated() const noexcept { return entries <= 1 || (entries == 2 && guest); }
@@ -637,7 +786,7 @@ private:
     int count_;
     PKLIBSZLIST *errors_;
 
-    Lines passwd_, shadow_, smbpasswd_;
+    AccountFile passwd_, shadow_, smbpasswd_;
     LineIndex passwd_index_, shadow_index_, smb_index_;
     std::vector<Change> changes_;
     MailEdit mail_;
@@ -650,15 +799,20 @@ private:
 
 bool UserBatch::load()
 {
-    if (!read_lines(kPasswd, passwd_)) {
+    if (!passwd_.read(kPasswd)) {
         KEMO_LOG("kemouser: SDKIGetPwdInfo(): KEMOFOpen(SZF_PASSWD, \"r\") failed");
         return false;
     }
-    if (!read_lines(kShadow, shadow_) || !read_lines(kSmbpasswd, smbpasswd_))
+    if (!shadow_.read(kShadow) || !smbpasswd_.read(kSmbpasswd))
         return false;
-    passwd_index_ = index_lines(passwd_);
-    shadow_index_ = index_lines(shadow_);
-    smb_index_ = index_lines(smbpasswd_);
+    NameKeys wanted;
+    for (int i = 0; i < count_; ++i)
+        for (const char *name : {users_[i].szName, users_[i].szOldName})
+            if (name != nullptr && *name != '\0')
+                wanted.add(key_of(name));
+    passwd_index_ = index_lines(passwd_, wanted);
+    shadow_index_ = index_lines(shadow_, wanted);
+    smb_index_ = index_lines(smbpasswd_, wanted);
     return true;
 }
 
@@ -754,8 +908,8 @@ int UserBatch::check_limit()
 {
     LocalScan scan;
     scan.guest = guest_support();
-    for (const std::string &line : passwd_.lines)
-        scan.line(line);
+    for (std::size_t i = 0; i < passwd_.size(); ++i)
+        scan.line(passwd_[i]);
     if (scan.truncated()) {
         KEMO_LOG("kemouser: KEMOUserSet(): SDKIGetUserLimit() returned < 0");
         return fail(-1, ERR_SYS_UNKNOWN);
@@ -780,8 +934,8 @@ bool UserBatch::build_modified(Change &c)
                  u.szOldName);
         return fail(false, ERR_FORMAT_ERROR);
     }
-    const std::string old_pw = passwd_.lines[pw_at];
-    const std::string old_sh = shadow_.lines[sh_it->second];
+    const std::string old_pw(passwd_[pw_at]);
+    const std::string old_sh(shadow_[sh_it->second]);
     const auto pw = split(old_pw);
     const auto sh = split(old_sh);
     if (pw.size() != 7 || !number(pw[2])) {
@@ -801,9 +955,9 @@ bool UserBatch::build_modified(Change &c)
         return false;
 
     const std::string desc = u.szDesc != nullptr ? encoded_desc(u.szDesc) : std::string(pw[4]);
-    passwd_.lines[pw_at] = std::string(u.szName) + ":x:" + std::to_string(uid) + ':' +
+    passwd_.set(pw_at, std::string(u.szName) + ":x:" + std::to_string(uid) + ':' +
                            std::to_string(kUserGid) + ':' + desc + ':' + std::string(pw[5]) + ':' +
-                           std::string(pw[6]);
+                           std::string(pw[6]));
 
     const std::string hash = hashes ? hashes->unix_hash : std::string(sh[1]);
     const std::string changed_day = hashes ? std::to_string(today()) : std::string(sh[2]);
@@ -811,17 +965,17 @@ bool UserBatch::build_modified(Change &c)
                                             sh[5], sh[6], {}, sh[8]};
     const std::string expire = expire_field(u.expire);
     fields[7] = expire;
-    shadow_.lines[sh_it->second] = join(fields);
+    shadow_.set(sh_it->second, join(fields));
     if (same_name(u.szName, "admin"))
         admin_hash_ = hash, admin_hash_known_ = true;
 
     const auto smb_it = smb_index_.find(c.old_key);
     if (hashes) {
-        put_line(smbpasswd_, smb_it == smb_index_.end() ? nullptr : &smb_it->second,
-                 smbpasswd_line(u.szName, uid, *hashes));
-    } else if (smb_it != smb_index_.end() && name_field(smbpasswd_.lines[smb_it->second]) != u.szName) {
+        smbpasswd_.put(smb_it == smb_index_.end() ? nullptr : &smb_it->second,
+                       smbpasswd_line(u.szName, uid, *hashes));
+    } else if (smb_it != smb_index_.end() && name_field(smbpasswd_[smb_it->second]) != u.szName) {
         // Renamed (or respelled): the line keeps its hashes under the new name.
-        const std::string old_smb = smbpasswd_.lines[smb_it->second];
+        const std::string old_smb(smbpasswd_[smb_it->second]);
         auto smb = split(old_smb);
         if (smb.size() < 6) {
             KEMO_LOG("smbpasswd format error");
@@ -832,7 +986,7 @@ bool UserBatch::build_modified(Change &c)
             return fail(false, ERR_FORMAT_ERROR);
         }
         smb[0] = u.szName;
-        smbpasswd_.lines[smb_it->second] = join(smb);
+        smbpasswd_.set(smb_it->second, join(smb));
     }
 
     if (c.rename()) {
@@ -856,17 +1010,17 @@ bool UserBatch::build_new(Change &c, UidAllocator &uids)
     const auto hashes = hash_password(u.szPasswd, {});
     if (!hashes)
         return false;
-    put_line(passwd_, nullptr,
+    passwd_.append(
              std::string(u.szName) + ":x:" + std::to_string(*uid) + ':' + std::to_string(kUserGid) +
                  ':' + encoded_desc(u.szDesc) + ":/:/bin/csh");
     // A line left behind by an account removed by other means is replaced.
     const auto sh_it = shadow_index_.find(c.key);
-    put_line(shadow_, sh_it == shadow_index_.end() ? nullptr : &sh_it->second,
+    shadow_.put(sh_it == shadow_index_.end() ? nullptr : &sh_it->second,
              std::string(u.szName) + ':' + hashes->unix_hash + ':' + std::to_string(today()) +
                  ":0:99999:7::" + expire_field(u.expire) + ':');
     const auto smb_it = smb_index_.find(c.key);
-    put_line(smbpasswd_, smb_it == smb_index_.end() ? nullptr : &smb_it->second,
-             smbpasswd_line(u.szName, *uid, *hashes));
+    smbpasswd_.put(smb_it == smb_index_.end() ? nullptr : &smb_it->second,
+                   smbpasswd_line(u.szName, *uid, *hashes));
     if (same_name(u.szName, "admin"))
         admin_hash_ = hashes->unix_hash, admin_hash_known_ = true;
     if (u.szEmail != nullptr)
@@ -907,16 +1061,18 @@ bool UserBatch::build()
                 return false;
         } else {
             if (!uids)
-                uids.emplace(passwd_, last_uid());
+                uids.emplace(passwd_, last_uid(),
+                             std::count_if(changes_.begin(), changes_.end(),
+                                           [](const Change &n) { return !n.modify; }));
             if (!build_new(c, *uids))
                 return false;
         }
         if (same_name(c.in->szName, "guest"))
             guest_ = c.in;
     }
-    txn_.stage(kPasswd, join_lines(passwd_));
-    txn_.stage(kShadow, join_lines(shadow_));
-    txn_.stage(kSmbpasswd, join_lines(smbpasswd_));
+    txn_.stage(kPasswd, passwd_.text());
+    txn_.stage(kShadow, shadow_.text());
+    txn_.stage(kSmbpasswd, smbpasswd_.text());
     if (uids && !stage_uid_counter(txn_, uids->last()))
         return false;
     if (!stage_mail(txn_, mail_)) {
@@ -1138,10 +1294,8 @@ KEMO_API int KEMOUserGet(int /*reserved*/, int type, const char *name, PKEMOUSER
 
 KEMO_API int KEMOUserEnum(int flags, char **out, int size, int *needed)
 {
-    constexpr int kPointer = static_cast<int>(sizeof(char *));
     if ((flags != 0 && (flags & (KEMO_USER_LOCAL | KEMO_USER_DOMAIN_ALL | KEMO_USER_DOMAIN_USED)) == 0) ||
-        needed == nullptr || size < 0 || (out != nullptr && size < kPointer) ||
-        (out == nullptr && size != 0))
+        !enum_arguments_ok(out, size, needed))
         return fail(-1, ERR_BAD_PARAMETERS);
     return kemo::edge(-1, [&] {
         FileLock lock(kUserReadLock, kUserReadUnlock);
@@ -1150,22 +1304,7 @@ KEMO_API int KEMOUserEnum(int flags, char **out, int size, int *needed)
         std::vector<std::string> names;
         if (collect_users(flags, &names) < 0)
             return -1;
-        std::size_t need = sizeof(char *);
-        for (const std::string &n : names)
-            need += n.size() + 1 + sizeof(char *);
-        *needed = static_cast<int>(std::min<std::size_t>(need, INT_MAX));
-        if (out == nullptr)
-            return 0;
-        if (need > static_cast<std::size_t>(size))
-            return fail(-1, ERR_NOT_ENOUGH_MEMORY);
-        char *end = reinterpret_cast<char *>(out) + size;
-        for (std::size_t i = 0; i < names.size(); ++i) {
-            end -= names[i].size() + 1;
-            std::memcpy(end, names[i].c_str(), names[i].size() + 1);
-            out[i] = end;
-        }
-        out[names.size()] = nullptr;
-        return static_cast<int>(names.size());
+        return store_names(names, out, size, needed);
     });
 }
 
@@ -1251,14 +1390,19 @@ KEMO_API int KEMOUserDelete(const char *const *names, int count)
         if (!lock.held())
             return fail(-1, ERR_LOCK_FAILED);
         const bool guest = guest_support();
-        Lines passwd_file, shadow, smbpasswd;
-        if (!read_lines(kPasswd, passwd_file)) {
+        AccountFile passwd_file, shadow, smbpasswd;
+        if (!passwd_file.read(kPasswd)) {
             KEMO_LOG("kemouser: KEMOUserDelete(): SDKIDelPasswd() returned -1!");
             return -1;
         }
-        const LineIndex accounts = index_lines(passwd_file);
+        NameKeys asked;
+        for (int i = 0; i < count; ++i)
+            if (names[i] != nullptr)
+                asked.add(key_of(names[i]));
+        const LineIndex accounts = index_lines(passwd_file, asked);
 
         MemberMap deleted;
+        NameKeys dropped;
         MailEdit mail;
         std::vector<int32_t> pids;
         for (int i = 0; i < count; ++i) {
@@ -1269,10 +1413,11 @@ KEMO_API int KEMOUserDelete(const char *const *names, int count)
             std::string key = key_of(name);
             const auto account = accounts.find(key);
             if (account == accounts.end() || deleted.contains(key) ||
-                system_account(passwd_file.lines[account->second]))
+                system_account(passwd_file[account->second]))
                 continue;
-            record_sessions(std::string(name_field(passwd_file.lines[account->second])).c_str(), pids);
+            record_sessions(std::string(name_field(passwd_file[account->second])).c_str(), pids);
             deleted.emplace(key, std::nullopt);
+            dropped.add(key);
             mail.remove(key);
         }
         if (deleted.empty())
@@ -1280,17 +1425,17 @@ KEMO_API int KEMOUserDelete(const char *const *names, int count)
         // Clearing the deleted users' quotas goes here, before the files change.
 
         Transaction txn;
-        txn.stage(kPasswd, join_lines(without_accounts(passwd_file, deleted)));
-        if (!read_lines(kShadow, shadow)) {
+        txn.stage(kPasswd, without_accounts(passwd_file, dropped));
+        if (!shadow.read(kShadow)) {
             KEMO_LOG("kemouser: KEMOUserDelete(): SDKIDelShadow() returned -1!");
             return -1;
         }
-        txn.stage(kShadow, join_lines(without_accounts(shadow, deleted)));
-        if (!read_lines(kSmbpasswd, smbpasswd)) {
+        txn.stage(kShadow, without_accounts(shadow, dropped));
+        if (!smbpasswd.read(kSmbpasswd)) {
             KEMO_LOG("kemouser: KEMOUserDelete(): SDKIDelSmbpasswd() returned -1!");
             return -1;
         }
-        txn.stage(kSmbpasswd, join_lines(without_accounts(smbpasswd, deleted)));
+        txn.stage(kSmbpasswd, without_accounts(smbpasswd, dropped));
         if (!stage_mail(txn, mail)) {
             KEMO_LOG("remove mail failed");
             return -1;
