@@ -86,8 +86,13 @@ KEMO_API int ErrKLIBILockCheckDir(void)
     struct stat st {};
     // A symbolic link in the world-writable /tmp is not taken for the directory.
     if (::lstat(lock_dir, &st) != 0 || !S_ISDIR(st.st_mode)) {
-        if (::mkdir(lock_dir, 0700) != 0 || ::chmod(lock_dir, 0755) != 0)
+        if (::mkdir(lock_dir, 0700) == 0) {
+            if (::chmod(lock_dir, 0755) != 0)
+                return kemo::fail(-1, ERR_CREATE_FAILED);
+        } else if (errno != EEXIST || ::lstat(lock_dir, &st) != 0 || !S_ISDIR(st.st_mode)) {
+            // EEXIST with a directory there: another process made it just now.
             return kemo::fail(-1, ERR_CREATE_FAILED);
+        }
     }
     int result = 0;
     for_each_lock([&](const LockEntry &e) {
