@@ -58,7 +58,7 @@ demo)
     deps
     build build -DKEMO_BUILD_BENCH=OFF
     export KEMO_SANDBOX_EXPOSE="$top"
-    exec build/tools/sandbox/kemo-sandbox -- env PATH="$top/build/tools:$PATH" sh "$top/tools/tour.sh"
+    exec build/tools/sandbox/kemo-sandbox -- env PATH="$top/build/tools:$top/build/tools/sandbox:$PATH" sh "$top/tools/tour.sh"
     ;;
 test)
     deps "${test_packages[@]}"

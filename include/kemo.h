@@ -1089,6 +1089,239 @@ KEMO_API int KEMOShareWriteableGet(const char *share, const char *user);
  * size conventions of KEMOShareGet. */
 KEMO_API int ParseShareParam(const char *text, PKEMOSHARE out, int size, int *needed);
 
+/* ------------------------------------------------------------------------ */
+/* Event logs                                                                */
+/* ------------------------------------------------------------------------ */
+/* Fixed-size binary ring files under /var/log, one per log class, with
+ * their paths and size limits in /etc/kemolog.conf.  Every integer in a
+ * ring file is big-endian:
+ *   header: "KEMO", 4 reserved bytes, u32 head (oldest record), u32 tail
+ *           (where the next record goes); empty: head = tail = 16.
+ *   record: u16 length (itself included), u16 type, u32 time, u16 source
+ *           length, u16 user length, u32 event id, u16 x4 argument
+ *           lengths, then source, user and the four arguments (no NULs).
+ *   A u16 length of 0 at the tail ends the record area; it goes on at 16.
+ * Writers and readers of one file exclude each other with flock. */
+
+/* Log classes. */
+#define KEMO_LOG_SYSTEM 1  /* /var/log/kemosys.log */
+#define KEMO_LOG_MANAGE 2  /* written into the system log */
+#define KEMO_LOG_CONNECT 3 /* /var/log/kemoconn.log */
+#define KEMO_LOG_BACKUP 5  /* /var/log/kemobackup.log */
+#define KEMO_LOG_COPY 6    /* /var/log/kemocopy.log */
+#define KEMO_LOG_NETBKP 7  /* /var/log/kemonetbkp.log (no KEMOLogSetSize) */
+/* Event types (severities). */
+#define KEMO_EVENT_INFO 1
+#define KEMO_EVENT_WARNING 2
+#define KEMO_EVENT_ERROR 3
+
+/* Size limit in bytes of the file being written (initially 65536); every
+ * KEMOLogSet1 sets it from the class's size key. */
+KEMO_API extern int32_t glogsizeMax;
+/* Event texts loaded so far (key: event id in "%lX"), or NULL. */
+KEMO_API extern PKLIBSZHASH gpshEvent;
+
+/* Appends one event to the log of logClass.  A NULL argument is stored
+ * empty, an empty one as " ".  Creates /etc/kemolog.conf with defaults when
+ * missing and shrinks the file to its size key.  0, or -1 (class 0, 4 or
+ * above 7; the file cannot be opened or its record chain is broken). */
+KEMO_API int KEMOLogSet1(uint32_t logClass, uint32_t type, uint32_t eventId, const char *arg1,
+                         const char *arg2, const char *arg3, const char *arg4);
+/* Appends one event to the ring file at path under glogsizeMax, creating
+ * and initialising the file when needed; the file ends with mode 0600. */
+KEMO_API int KEMOLogSet1a(const char *path, uint32_t type, uint32_t eventId, const char *arg1,
+                          const char *arg2, const char *arg3, const char *arg4);
+/* Writes the log of logClass, oldest first, as text to outputPath (NULL:
+ * "./output"), one line per event whose text is known in language (NULL:
+ * "enu"): "type\ttype name\tYYYY/MM/DD hh:mm:ss\tsource\tuser\tsentence".
+ * Frees the event text cache afterwards.  0, or -1. */
+KEMO_API int KEMOLogGet1(uint32_t logClass, const char *outputPath, const char *language);
+/* The reader proper.  A tail past the last complete record is moved back
+ * to it.  0, or -1 (missing log, open or lock failure). */
+KEMO_API int KEMOLogGet1a(const char *logPath, const char *outputPath, const char *language);
+/* Stores size as the size key of logClass (1, 2, 3, 5 or 6) and shrinks
+ * the file when it is larger.  0, or -1. */
+KEMO_API int KEMOLogSetSize(int size, int logClass);
+/* Shrinks the file of logClass to at most size bytes by dropping its
+ * oldest records; a smaller or missing file is left alone.  0, or -1. */
+KEMO_API int KEMOLogChangeSize(int size, int logClass);
+/* Drops the oldest records totalling at least bytesToDrop bytes and
+ * compacts the rest into a fresh file renamed over path.  0, or -1 (the log
+ * then is as it was). */
+KEMO_API int KEMOLogChangeSize_a(int bytesToDrop, const char *path);
+/* (Re)creates /etc/kemolog.conf with the default paths and sizes.  0, or
+ * -1 with ERR_OPEN_FAILED. */
+KEMO_API int KEMOSetLogConf(void);
+/* Gives an open ring file its header unless it starts with "KEMO" (any
+ * other start resets it to empty).  0, or -1. */
+KEMO_API int KEMOLogInit(int fd);
+/* The u32 at offset 8 (head) or 12 (tail); 0xFFFFFFFF on a short read. */
+KEMO_API uint32_t KEMOLogGetHead(int fd);
+KEMO_API uint32_t KEMOLogGetTail(int fd);
+/* Store head (then fsync) or tail (fsync first, so the records it covers
+ * are durable before it moves).  0, or -1. */
+KEMO_API int KEMOLogSetHead(int fd, uint32_t head);
+KEMO_API int KEMOLogSetTail(int fd, uint32_t tail);
+/* write() at the current position: its result. */
+KEMO_API int KEMOLogWriteByte(int fd, const void *buffer, int count);
+/* read() at the current position: count, or -1 unless exactly count bytes
+ * were read. */
+KEMO_API int KEMOLogReadByte(int fd, void *buffer, int count);
+/* The current file position, or -1. */
+KEMO_API long long KEMOLogTell(int fd);
+/* The user name for new records (static buffer): $USERNAME, else the
+ * effective user's name from /etc/passwd, "root" given as "admin". */
+KEMO_API char *KEMOLogObtainUser(void);
+/* Local time "%Y/%m/%d %H:%M:%S" (static buffer). */
+KEMO_API char *KEMOLogConvertTime1(int64_t seconds);
+/* The name of event type (1, 2, 3; anything else "unknown") in language,
+ * "Unknown" when the catalogue lacks it (static buffer). */
+KEMO_API char *KEMOLogConvertType(int type, const char *language);
+/* The sentence of eventId in language with "@1".."@4" replaced by the
+ * non-empty arguments; malloc'ed (free it), or NULL when unknown. */
+KEMO_API char *KEMOLogConvertEventKey(uint32_t eventId, const char *language, const char *arg1,
+                                      const char *arg2, const char *arg3, const char *arg4);
+/* Decodes one record body (the record without its length field, size
+ * bytes) and prints its text line to out; a truncated body or an unknown
+ * event prints nothing.  0, or -1. */
+KEMO_API int KEMOLogEventSpread(FILE *out, const unsigned char *body, const char *language,
+                                int size);
+/* kind 2, sub 1: pushes the current file-sharing, Apple and FTP
+ * connections onto *list, one "%s\t%s\t%s\t%s\t%d" line each (filter is
+ * unused).  The count, or -1 with ERR_BAD_PARAMETERS for other kinds. */
+KEMO_API int KEMOLogGet(int kind, int sub, PKLIBSZLIST *list, const char *filter);
+
+/* ------------------------------------------------------------------------ */
+/* Host name and network services                                            */
+/* ------------------------------------------------------------------------ */
+/* The appliance's host name ("hostname" of /etc/kemoinfo.conf, else the
+ * kernel's) into buf.  0, or -1 (ERR_NOT_ENOUGH_MEMORY when it does not
+ * fit). */
+KEMO_API int KEMOLnxGetHostname(char *buf, int size);
+/* Sets the host name in /etc/kemoinfo.conf, /etc/hostname and the kernel.
+ * 0, or -1 (ERR_INVALID_SERVERNAME for a name BlKLIBIsHostname refuses). */
+KEMO_API int KEMOLnxSetHostname(const char *name);
+/* Stop and start the file and network services through their control
+ * script.  0, or -1. */
+KEMO_API int ErrNetServiceStop(void);
+KEMO_API int ErrNetServiceStart(void);
+/* Switches the web service on (non-zero) or off: "runweb" and the web
+ * control script.  0, or -1. */
+KEMO_API int KEMOWebService(int on);
+
+/* ------------------------------------------------------------------------ */
+/* Configuration backup                                                      */
+/* ------------------------------------------------------------------------ */
+/* One file of big-endian u32 words: "KEMO", category 1, the content mask,
+ * then sections "id, version, body size, body" in registry order.  A body
+ * is typed values: string (1, strlen + 1, text with its NUL) or long (2, 4,
+ * value). */
+
+/* Every section. */
+#define KEMO_SYSBKP_ALL 0x37FFFFBu
+
+/* One registry entry; the table ends with an all-zero entry. */
+typedef struct KEMOSYSBKPROUTINE {
+    int (*pfExport)(int fd);
+    int (*pfImport)(int fd, uint32_t version, int apply);
+    const char *szDesc; /* description key of the section */
+    uint32_t id;        /* one bit */
+    uint32_t version;
+} KEMOSYSBKPROUTINE;
+
+/* The sections in file order. */
+KEMO_API extern const KEMOSYSBKPROUTINE grgSysRoutine[];
+/* After an import: the ids of the sections that were restored (cleared
+ * bits failed). */
+KEMO_API extern uint32_t gimp_status;
+/* User name -> uid of the accounts an import restored, until
+ * KEMOSysbkpFinishImport. */
+KEMO_API extern PKLIBSZHASH gpshUser;
+
+/* Writes a backup of the sections in mask (KEMO_SYSBKP_ALL: every section)
+ * to path, created with mode.  0, or -1 with the partial file removed. */
+KEMO_API int KEMOSysbkpExport(const char *path, uint32_t mask, unsigned int mode);
+/* Reads the backup at path and restores the sections in mask (apply 0:
+ * check only, nothing changes).  The network services are stopped for the
+ * import.  0 when every selected section was restored; -1 when the file is
+ * unreadable or malformed or a section failed (see gimp_status). */
+KEMO_API int KEMOSysbkpImport(const char *path, uint32_t mask, int apply);
+/* Registry index of id, or -1. */
+KEMO_API int KEMOSysbkpIGetIdx(uint32_t id);
+/* Section header: id, its version and a zero size.  0, or -1. */
+KEMO_API int KEMOSysbkpIWriteHeader(int fd, uint32_t id);
+/* Patches the size before offBegin with offEnd - offBegin and seeks back
+ * to offEnd.  0, or -1. */
+KEMO_API int KEMOSysbkpIWriteBlkSize(int fd, int64_t offBegin, int64_t offEnd);
+/* One string value; the reader malloc's *text (free it).  0, or -1. */
+KEMO_API int KEMOSysbkpIWriteString(int fd, const char *text);
+KEMO_API int KEMOSysbkpIReadString(int fd, char **text);
+/* One long value.  0, or -1. */
+KEMO_API int KEMOSysbkpIWriteLong(int fd, int32_t value);
+KEMO_API int KEMOSysbkpIReadLong(int fd, int32_t *value);
+/* count bytes (a multiple of 4) of 32-bit words.  The write: 0, or -1.
+ * The read: count, 0 at the end of the file, -1 on a short read. */
+KEMO_API int KEMOSysbkpRawIntWrite(int fd, const void *buffer, int count);
+KEMO_API int KEMOSysbkpRawIntRead(int fd, void *buffer, int count);
+
+/* Section exporters (write one section at the current position; 0 or -1)
+ * and importers (read one body from the start of fd; apply 0 checks only;
+ * 0 or -1).  A failure appends the section's failure event to the system
+ * log. */
+KEMO_API int KEMOSysbkpTimeExport(int fd);
+KEMO_API int KEMOSysbkpTimeImport(int fd, uint32_t version, int apply);
+KEMO_API int KEMOSysbkpHostnameExport(int fd);
+KEMO_API int KEMOSysbkpHostnameImport(int fd, uint32_t version, int apply);
+KEMO_API int KEMOSysbkpInterfaceExport(int fd);
+KEMO_API int KEMOSysbkpInterfaceImport(int fd, uint32_t version, int apply);
+KEMO_API int KEMOSysbkpLangExport(int fd);
+KEMO_API int KEMOSysbkpLangImport(int fd, uint32_t version, int apply);
+KEMO_API int KEMOSysbkpMailExport(int fd);
+KEMO_API int KEMOSysbkpMailImport(int fd, uint32_t version, int apply);
+KEMO_API int KEMOSysbkpAppleExport(int fd);
+KEMO_API int KEMOSysbkpAppleImport(int fd, uint32_t version, int apply);
+KEMO_API int KEMOSysbkpWindowsExport(int fd);
+KEMO_API int KEMOSysbkpWindowsImport(int fd, uint32_t version, int apply);
+KEMO_API int KEMOSysbkpUserExport(int fd);
+KEMO_API int KEMOSysbkpUserImport(int fd, uint32_t version, int apply);
+KEMO_API int KEMOSysbkpGroupExport(int fd);
+KEMO_API int KEMOSysbkpGroupImport(int fd, uint32_t version, int apply);
+KEMO_API int KEMOSysbkpShareExport(int fd);
+KEMO_API int KEMOSysbkpShareImport(int fd, uint32_t version, int apply);
+KEMO_API int KEMOSysbkpHDSleepTimeExport(int fd);
+KEMO_API int KEMOSysbkpHDSleepTimeImport(int fd, uint32_t version, int apply);
+KEMO_API int KEMOSysbkpRunFtpdExport(int fd);
+KEMO_API int KEMOSysbkpRunFtpdImport(int fd, uint32_t version, int apply);
+KEMO_API int KEMOSysbkpUSBBkpScheduleExport(int fd);
+KEMO_API int KEMOSysbkpUSBBkpScheduleImport(int fd, uint32_t version, int apply);
+KEMO_API int KEMOSysbkpPPPoEExport(int fd);
+KEMO_API int KEMOSysbkpPPPoEImport(int fd, uint32_t version, int apply);
+KEMO_API int KEMOSysbkpUSBBkpShareListExport(int fd);
+KEMO_API int KEMOSysbkpUSBBkpShareListImport(int fd, uint32_t version, int apply);
+KEMO_API int KEMOSysbkpPhotoExport(int fd);
+KEMO_API int KEMOSysbkpPhotoImport(int fd, uint32_t version, int apply);
+KEMO_API int KEMOSysbkpHttpPortExport(int fd);
+KEMO_API int KEMOSysbkpHttpPortImport(int fd, uint32_t version, int apply);
+KEMO_API int KEMOSysbkpMTUExport(int fd);
+KEMO_API int KEMOSysbkpMTUImport(int fd, uint32_t version, int apply);
+KEMO_API int KEMOSysbkpRCPowerExport(int fd);
+KEMO_API int KEMOSysbkpRCPowerImport(int fd, uint32_t version, int apply);
+KEMO_API int KEMOSysbkpUSBCopySetExport(int fd);
+KEMO_API int KEMOSysbkpUSBCopySetImport(int fd, uint32_t version, int apply);
+KEMO_API int KEMOSysbkpWebExport(int fd);
+KEMO_API int KEMOSysbkpWebImport(int fd, uint32_t version, int apply);
+KEMO_API int KEMOSysbkpDCacheExport(int fd);
+KEMO_API int KEMOSysbkpDCacheImport(int fd, uint32_t version, int apply);
+KEMO_API int KEMOSysbkpGrabdockExport(int fd);
+KEMO_API int KEMOSysbkpGrabdockImport(int fd, uint32_t version, int apply);
+KEMO_API int KEMOSysbkpMySQLExport(int fd);
+KEMO_API int KEMOSysbkpMySQLImport(int fd, uint32_t version, int apply);
+KEMO_API int KEMOSysbkpUserQuotaExport(int fd);
+KEMO_API int KEMOSysbkpUserQuotaImport(int fd, uint32_t version, int apply);
+/* The last registry entry: writes nothing; its importer frees gpshUser. */
+KEMO_API int KEMOSysbkpFinishExport(int fd);
+KEMO_API int KEMOSysbkpFinishImport(int fd, uint32_t version, int apply);
+
 #ifdef __cplusplus
 }
 #endif

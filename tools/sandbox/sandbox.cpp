@@ -436,13 +436,14 @@ bool enter_namespace(const Options &options, std::string *why) {
     cwd.resize(std::strlen(cwd.c_str()));
 
     // Taken before unsharing, this descriptor keeps resolving in the
-    // original mount namespace.
+    // original mount namespace.  The host name gets a namespace of its own
+    // too, so that setting the appliance's name never renames the machine.
     const int host_root = move_high(::open("/", O_PATH | O_DIRECTORY | O_CLOEXEC));
     if (host_root < 0) return fail_errno(why, "open /", errno);
-    if (::unshare(CLONE_NEWNS) != 0) {
+    if (::unshare(CLONE_NEWNS | CLONE_NEWUTS) != 0) {
         const int error = errno;
         ::close(host_root);
-        return fail_errno(why, "the kernel refused a private mount namespace", error);
+        return fail_errno(why, "the kernel refused a private mount and host-name namespace", error);
     }
     // From here on this process has its own mount table; nothing it mounts
     // may propagate back to the machine's.
@@ -506,7 +507,7 @@ std::string probe() {
             if (n > 0 && ::write(fds[1], message, static_cast<std::size_t>(n)) < 0) ::_exit(2);
             ::_exit(1);
         };
-        if (::unshare(CLONE_NEWNS) != 0) say("the kernel refused a private mount namespace");
+        if (::unshare(CLONE_NEWNS | CLONE_NEWUTS) != 0) say("the kernel refused a private mount and host-name namespace");
         if (::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
             say("cannot make the mount tree private");
         if (::mount("kemo-sandbox-probe", kHolder, "tmpfs", 0, "mode=0700") != 0)
