@@ -155,6 +155,29 @@ int store_names(const std::vector<std::string> &texts, char **out, int size, int
 // for at least its terminating pointer, no size without a buffer.
 bool enum_arguments_ok(char *const *out, int size, const int *needed) noexcept;
 
+// A local account as a configuration backup carries it: its hashes rather
+// than a password.
+struct StoredUser {
+    std::string name;
+    long uid = -1;          // the uid it had; a restore keeps it when free
+    std::string desc;       // as KEMOUserGet gives it
+    std::string unix_hash;  // the shadow hash ("" for an account without one)
+    std::string lm, nt;     // the file-sharing hashes in hex ("" without a line)
+    int32_t expire = 0;     // day number, 0 = never
+    std::string email;
+};
+// Every local user (uid 1024 up to the "nobody" ids) in passwd order, read
+// under the user reader lock.  false with the error code set.
+bool stored_users(std::vector<StoredUser> &out);
+// Creates the accounts that are missing and sets those present (by name,
+// without case) to the stored hashes, description, expiry and address, in
+// one account transaction: all or nothing.  Accounts not named stay as they
+// are.  uids gets each name with the uid it has now.  The KEMOUserSetLocal
+// result (0, or -1..-7 with the error code set); errors names the faulty
+// accounts.
+int restore_users(const std::vector<StoredUser> &users,
+                  std::vector<std::pair<std::string, long>> &uids, PKLIBSZLIST *errors);
+
 // A settings value of /etc.defaults/kemoinfo.conf (or another file), ""
 // when absent.
 std::string setting(const char *path, const char *key);

@@ -1,1 +1,509 @@
-// placeholder: being written
+// The account sections of the configuration backup: users (with their
+// password hashes, so that a restore needs no password), groups (members
+// and descriptions) and share definitions (every line of each share's
+// section, access lists included).  Bodies are typed values:
+//   users:  count, then per user: name, uid, description, shadow hash, LM
+//           hash, NT hash, expiry day, mail address
+//   groups: count, then per group: name, description, member count, members
+//   shares: count, then per share: name, line count, then key and value of
+//           each line in file order
+// An importer reads and checks its whole body before it changes anything;
+// with apply 0 it stops there.
+#include "kemo_accounts.hpp"
+#include "kemo_io.hpp"
+
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace {
+
+namespace acc = kemo::accounts;
+
+constexpr uint32_t kShareId = 0x20, kUserId = 0x100, kGroupId = 0x200;
+// Failure events of the sections, and of one account the import could not
+// restore (with its name as the first argument).
+constexpr uint32_t kShareExportFailed = 0x1210000B, kShareImportFailed = 0x1210000C;
+constexpr uint32_t kUserExportFailed = 0x12100011, kUserImportFailed = 0x12100012;
+constexpr uint32_t kGroupExportFailed = 0x12100013, kGroupImportFailed = 0x12100014;
+constexpr uint32_t kShareNotRestored = 0x12100051, kUserNotRestored = 0x12100052,
+                   kGroupNotRestored = 0x12100053;
+// More entries than a body could describe sensibly: the count is damaged.
+constexpr int32_t kMaxEntries = 1 << 16;
+
+void report(uint32_t event, const char *name = "")
+{
+    KEMOLogSet1(KEMO_LOG_SYSTEM, KEMO_EVENT_ERROR, event, name, "", "", "");
+}
+
+// Writes one section: header, the values body() writes, the patched size.
+// A failure appends the section's export failure event.
+int export_section(int fd, uint32_t id, uint32_t failed_event, const std::function<bool()> &body)
+{
+    if (KEMOSysbkpIWriteHeader(fd, id) < 0) {
+        KEMO_LOG("fail to write header");
+        report(failed_event);
+        return -1;
+    }
+    const off_t begin = ::lseek(fd, 0, SEEK_CUR);
+    if (begin < 0 || !body()) {
+        report(failed_event);
+        return -1;
+    }
+    const off_t end = ::lseek(fd, 0, SEEK_CUR);
+    if (end < 0 || KEMOSysbkpIWriteBlkSize(fd, begin, end) < 0) {
+        KEMO_LOG("fail to write block size");
+        report(failed_event);
+        return -1;
+    }
+    return 0;
+}
+
+// Typed values out; every call after a failure does nothing.
+struct Writer {
+    int fd;
+    bool ok = true;
+    Writer &text(std::string_view value)
+    {
+        ok = ok && KEMOSysbkpIWriteString(fd, std::string(value).c_str()) == 0;
+        return *this;
+    }
+    Writer &number(long value)
+    {
+        ok = ok && KEMOSysbkpIWriteLong(fd, static_cast<int32_t>(value)) == 0;
+        return *this;
+    }
+};
+
+// Typed values in; a failed read (a cut or damaged body) sets ok to false
+// and yields empty values from then on.
+struct Reader {
+    int fd;
+    bool ok = true;
+    std::string text()
+    {
+        char *raw = nullptr;
+        if (!ok || KEMOSysbkpIReadString(fd, &raw) < 0) {
+            ok = false;
+            return {};
+        }
+        const std::unique_ptr<char, decltype(&std::free)> owned(raw, &std::free);
+        return raw;
+    }
+    long number()
+    {
+        int32_t value = 0;
+        if (!ok || KEMOSysbkpIReadLong(fd, &value) < 0) {
+            ok = false;
+            return 0;
+        }
+        return value;
+    }
+    // An entry count, refused when negative or implausible.
+    long count()
+    {
+        const long n = number();
+        if (n < 0 || n > kMaxEntries)
+            ok = false;
+        return ok ? n : 0;
+    }
+};
+
+bool has_line_break(std::string_view text)
+{
+    return text.find_first_of("\r\n") != std::string_view::npos;
+}
+
+// Texts of a two-call enumerator (KEMOUserEnum, KEMOGroupEnum style).
+std::optional<std::vector<std::string>> enumerate(int (*enumerator)(int, char **, int, int *),
+                                                  int flags)
+{
+    int needed = 0;
+    if (enumerator(flags, nullptr, 0, &needed) < 0)
+        return std::nullopt;
+    std::vector<char *> buffer(static_cast<std::size_t>(needed) / sizeof(char *) + 1);
+    if (enumerator(flags, buffer.data(), static_cast<int>(buffer.size() * sizeof(char *)), &needed) < 0)
+        return std::nullopt;
+    std::vector<std::string> names;
+    for (char **p = buffer.data(); *p != nullptr; ++p)
+        names.emplace_back(*p);
+    return names;
+}
+
+// ------------------------------------------------------------ users
+
+int export_users(int fd)
+{
+    return export_section(fd, kUserId, kUserExportFailed, [&] {
+        std::vector<acc::StoredUser> users;
+        if (!acc::stored_users(users)) {
+            KEMO_LOG("fail to read the local users (%X)", KLIBErrGet());
+            return false;
+        }
+        Writer out{fd};
+        out.number(static_cast<long>(users.size()));
+        for (const acc::StoredUser &u : users)
+            out.text(u.name).number(u.uid).text(u.desc).text(u.unix_hash).text(u.lm).text(u.nt)
+                .number(u.expire).text(u.email);
+        if (!out.ok)
+            KEMO_LOG("fail to write the users");
+        return out.ok;
+    });
+}
+
+int import_users(int fd, int apply)
+{
+    Reader in{fd};
+    std::vector<acc::StoredUser> users(static_cast<std::size_t>(in.count()));
+    for (acc::StoredUser &u : users) {
+        u.name = in.text();
+        u.uid = in.number();
+        u.desc = in.text();
+        u.unix_hash = in.text();
+        u.lm = in.text();
+        u.nt = in.text();
+        u.expire = static_cast<int32_t>(in.number());
+        u.email = in.text();
+        if (in.ok && BlKLIBIsUserName(u.name.c_str()) != 1) {
+            KEMO_LOG("invalid user name [%s] in the backup", u.name.c_str());
+            report(kUserNotRestored, u.name.c_str());
+            in.ok = false;
+        }
+        if (!in.ok)
+            break;
+    }
+    if (!in.ok) {
+        KEMO_LOG("the user section is damaged");
+        report(kUserImportFailed);
+        return -1;
+    }
+    if (apply == 0)
+        return 0;
+
+    std::vector<std::pair<std::string, long>> uids;
+    PKLIBSZLIST errors = nullptr;
+    const int result = acc::restore_users(users, uids, &errors);
+    if (result != 0) {
+        KEMO_LOG("fail to restore the users (%d, %X)", result, KLIBErrGet());
+        for (int i = 0; errors != nullptr && i < errors->nItem && i < 8; ++i)
+            report(kUserNotRestored, errors->pszItem[i]);
+        report(kUserImportFailed);
+    }
+    KLIBSzListFree(errors);
+    if (result != 0)
+        return -1;
+    if (gpshUser == nullptr && (gpshUser = PshKLIBSzHashAlloc(4096)) == nullptr)
+        return -1;
+    for (const auto &[name, uid] : uids)
+        if (KLIBSzHashSetValue(&gpshUser, name.c_str(), std::to_string(uid).c_str()) < 0)
+            return -1;
+    return 0;
+}
+
+// ------------------------------------------------------------ groups
+
+struct StoredGroup {
+    std::string name, desc;
+    std::vector<std::string> members;
+};
+
+// The group's stored name and members (KEMOGroupGet's layout: name first).
+std::optional<StoredGroup> read_group(const std::string &name)
+{
+    int needed = 0;
+    if (KEMOGroupGet(KEMO_GROUP_LOCAL, KEMO_ACCOUNT_LOCAL, name.c_str(), nullptr, 0, &needed) < 0)
+        return std::nullopt;
+    std::vector<char *> buffer(static_cast<std::size_t>(needed) / sizeof(char *) + 1);
+    if (KEMOGroupGet(KEMO_GROUP_LOCAL, KEMO_ACCOUNT_LOCAL, name.c_str(), buffer.data(),
+                     static_cast<int>(buffer.size() * sizeof(char *)), &needed) != 1)
+        return std::nullopt;
+    StoredGroup group;
+    group.name = buffer[0];
+    for (char **p = buffer.data() + 1; *p != nullptr; ++p)
+        group.members.emplace_back(*p);
+    if (KEMOGroupGetDesc(name.c_str(), nullptr, 0, &needed) == 0) {
+        std::string desc(static_cast<std::size_t>(needed), '\0');
+        if (KEMOGroupGetDesc(name.c_str(), desc.data(), needed, &needed) == 1)
+            group.desc = desc.c_str();
+    }
+    return group;
+}
+
+int export_groups(int fd)
+{
+    return export_section(fd, kGroupId, kGroupExportFailed, [&] {
+        auto names = enumerate(&KEMOGroupEnum, KEMO_GROUP_LOCAL);
+        if (!names) {
+            KEMO_LOG("fail to enumerate the local groups (%X)", KLIBErrGet());
+            return false;
+        }
+        // "users" holds every user by its gid; "administrators" is a system
+        // group, not enumerated, whose members the administrator chooses.
+        std::erase_if(*names, [](const std::string &n) { return acc::equal_nocase(n, "users"); });
+        if (PgrpKLIBGetLocalGrNam("administrators") != nullptr)
+            names->insert(names->begin(), "administrators");
+        KLIBEndGrEnt();
+        std::vector<StoredGroup> groups;
+        for (const std::string &name : *names) {
+            auto group = read_group(name);
+            if (!group) {
+                KEMO_LOG("fail to read group [%s] (%X)", name.c_str(), KLIBErrGet());
+                return false;
+            }
+            groups.push_back(std::move(*group));
+        }
+        Writer out{fd};
+        out.number(static_cast<long>(groups.size()));
+        for (const StoredGroup &g : groups) {
+            out.text(g.name).text(g.desc).number(static_cast<long>(g.members.size()));
+            for (const std::string &member : g.members)
+                out.text(member);
+        }
+        if (!out.ok)
+            KEMO_LOG("fail to write the groups");
+        return out.ok;
+    });
+}
+
+bool restore_group(const StoredGroup &g)
+{
+    std::vector<const char *> record{g.name.c_str()};
+    for (const std::string &member : g.members)
+        record.push_back(member.c_str());
+    record.push_back(nullptr);
+    const bool present = PgrpKLIBGetLocalGrNam(g.name.c_str()) != nullptr;
+    KLIBEndGrEnt();
+    if (KEMOGroupSet(KEMO_GROUP_LOCAL, KEMO_ACCOUNT_LOCAL, present ? g.name.c_str() : nullptr,
+                     record.data()) != 0)
+        return false;
+    return g.desc.empty() || KEMOGroupSetDesc(g.name.c_str(), g.desc.c_str()) == 0;
+}
+
+int import_groups(int fd, int apply)
+{
+    Reader in{fd};
+    std::vector<StoredGroup> groups(static_cast<std::size_t>(in.count()));
+    for (StoredGroup &g : groups) {
+        g.name = in.text();
+        g.desc = in.text();
+        g.members.resize(static_cast<std::size_t>(in.count()));
+        for (std::string &member : g.members)
+            member = in.text();
+        if (in.ok && (BlKLIBIsGroupName(g.name.c_str()) != 1 || has_line_break(g.desc))) {
+            KEMO_LOG("invalid group [%s] in the backup", g.name.c_str());
+            report(kGroupNotRestored, g.name.c_str());
+            in.ok = false;
+        }
+        if (!in.ok)
+            break;
+    }
+    if (!in.ok) {
+        KEMO_LOG("the group section is damaged");
+        report(kGroupImportFailed);
+        return -1;
+    }
+    if (apply == 0)
+        return 0;
+    // Each group is its own change: one that cannot be restored (a member
+    // refused, the group limit) does not hold back the others.
+    bool all = true;
+    for (const StoredGroup &g : groups) {
+        if (!restore_group(g)) {
+            KEMO_LOG("fail to restore group [%s] (%X)", g.name.c_str(), KLIBErrGet());
+            report(kGroupNotRestored, g.name.c_str());
+            all = false;
+        }
+    }
+    if (!all)
+        report(kGroupImportFailed);
+    return all ? 0 : -1;
+}
+
+// ------------------------------------------------------------ shares
+
+struct StoredShare {
+    std::string name;
+    std::vector<std::pair<std::string, std::string>> lines; // key, value in file order
+};
+
+// The share sections of smb.conf ("global", USB and SATA disks left out:
+// those describe this appliance and the disks plugged into it now).
+bool read_shares(std::vector<StoredShare> &out)
+{
+    acc::Lines conf;
+    if (!acc::read_lines(acc::kSmbConf, conf))
+        return false;
+    StoredShare *current = nullptr;
+    for (const std::string &line : conf.lines) {
+        if (KLIBIFileIsSection(line.c_str(), static_cast<int>(line.size())) == 1) {
+            const auto close = line.find(']');
+            const std::string name = line.substr(1, close - 1);
+            const bool wanted = !acc::equal_nocase(name, "global") &&
+                                BlShareIIsUsbSection(name.c_str()) == 0 &&
+                                BlShareIIsSATASection(name.c_str()) == 0;
+            current = wanted ? &out.emplace_back(StoredShare{name, {}}) : nullptr;
+            continue;
+        }
+        if (current == nullptr || line.empty() || line[0] == '#' || line[0] == ';')
+            continue;
+        if (const auto pair = kemo::split_pair(line))
+            current->lines.emplace_back(pair->key, pair->value);
+    }
+    return true;
+}
+
+int export_shares(int fd)
+{
+    return export_section(fd, kShareId, kShareExportFailed, [&] {
+        std::vector<StoredShare> shares;
+        {
+            acc::FileLock lock(acc::kShareReadLock, acc::kShareReadUnlock);
+            if (!lock.held() || !read_shares(shares)) {
+                KEMO_LOG("fail to read %s (%X)", acc::kSmbConf, KLIBErrGet());
+                return false;
+            }
+        }
+        Writer out{fd};
+        out.number(static_cast<long>(shares.size()));
+        for (const StoredShare &share : shares) {
+            out.text(share.name).number(static_cast<long>(share.lines.size()));
+            for (const auto &[key, value] : share.lines)
+                out.text(key).text(value);
+        }
+        if (!out.ok)
+            KEMO_LOG("fail to write the shares");
+        return out.ok;
+    });
+}
+
+// smb.conf with the restored shares' sections replacing those of the same
+// name (without regard to case), the others appended; every other line
+// stays as it was.
+std::string merged_conf(const acc::Lines &conf, const std::vector<StoredShare> &shares)
+{
+    auto section_text = [](const StoredShare &share) {
+        std::string text = "[" + share.name + "]\n";
+        for (const auto &[key, value] : share.lines)
+            text += "\t" + key + "=" + value + "\n";
+        return text;
+    };
+    std::vector<bool> placed(shares.size());
+    std::string out;
+    bool skipping = false;
+    for (const std::string &line : conf.lines) {
+        if (KLIBIFileIsSection(line.c_str(), static_cast<int>(line.size())) == 1) {
+            const std::string name = line.substr(1, line.find(']') - 1);
+            skipping = false;
+            for (std::size_t i = 0; i < shares.size(); ++i) {
+                if (acc::same_name(shares[i].name, name)) {
+                    skipping = true;
+                    if (!placed[i])
+                        out += section_text(shares[i]), placed[i] = true;
+                    break;
+                }
+            }
+            if (skipping)
+                continue;
+        }
+        if (!skipping)
+            out.append(line).push_back('\n');
+    }
+    for (std::size_t i = 0; i < shares.size(); ++i)
+        if (!placed[i])
+            out += section_text(shares[i]);
+    return out;
+}
+
+int import_shares(int fd, int apply)
+{
+    Reader in{fd};
+    std::vector<StoredShare> shares(static_cast<std::size_t>(in.count()));
+    for (StoredShare &share : shares) {
+        share.name = in.text();
+        share.lines.resize(static_cast<std::size_t>(in.count()));
+        bool lines_ok = true;
+        for (auto &[key, value] : share.lines) {
+            key = in.text();
+            value = in.text();
+            // A key must stay one key: no "=", no line end, not blank.
+            lines_ok = lines_ok && !kemo::trimmed(key).empty() &&
+                       key.find_first_of("=[\r\n") == std::string::npos && !has_line_break(value);
+        }
+        const bool name_ok = BlKLIBIsShareName(share.name.c_str()) == 1 &&
+                             !acc::equal_nocase(share.name, "global");
+        if (in.ok && (!name_ok || !lines_ok)) {
+            KEMO_LOG("invalid share [%s] in the backup", share.name.c_str());
+            report(kShareNotRestored, share.name.c_str());
+            in.ok = false;
+        }
+        if (!in.ok)
+            break;
+    }
+    if (!in.ok) {
+        KEMO_LOG("the share section is damaged");
+        report(kShareImportFailed);
+        return -1;
+    }
+    if (apply == 0 || shares.empty())
+        return 0;
+
+    acc::FileLock lock(acc::kAccountWriteLock, acc::kAccountWriteUnlock);
+    acc::Lines conf;
+    if (!lock.held() || !acc::read_lines(acc::kSmbConf, conf)) {
+        KEMO_LOG("fail to read %s (%X)", acc::kSmbConf, KLIBErrGet());
+        report(kShareImportFailed);
+        return -1;
+    }
+    acc::Transaction txn;
+    txn.stage(acc::kSmbConf, merged_conf(conf, shares));
+    if (!txn.commit()) {
+        KEMO_LOG("fail to write %s (%X)", acc::kSmbConf, KLIBErrGet());
+        report(kShareImportFailed);
+        return -1;
+    }
+    return 0;
+}
+
+} // namespace
+
+extern "C" {
+
+KEMO_API int KEMOSysbkpUserExport(int fd)
+{
+    return kemo::edge(-1, [&] { return export_users(fd); });
+}
+
+KEMO_API int KEMOSysbkpUserImport(int fd, uint32_t /*version*/, int apply)
+{
+    return kemo::edge(-1, [&] { return import_users(fd, apply); });
+}
+
+KEMO_API int KEMOSysbkpGroupExport(int fd)
+{
+    return kemo::edge(-1, [&] { return export_groups(fd); });
+}
+
+KEMO_API int KEMOSysbkpGroupImport(int fd, uint32_t /*version*/, int apply)
+{
+    return kemo::edge(-1, [&] { return import_groups(fd, apply); });
+}
+
+KEMO_API int KEMOSysbkpShareExport(int fd)
+{
+    return kemo::edge(-1, [&] { return export_shares(fd); });
+}
+
+KEMO_API int KEMOSysbkpShareImport(int fd, uint32_t /*version*/, int apply)
+{
+    return kemo::edge(-1, [&] { return import_shares(fd, apply); });
+}
+
+} // extern "C"

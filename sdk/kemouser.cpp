@@ -15,6 +15,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cctype>
 #include <charconv>
 #include <climits>
 #include <cstdlib>
@@ -519,6 +520,18 @@ public:
         return fail(std::optional<int>{}, ERR_TOO_MANY_USERS);
     }
 
+    // Takes uid itself when it is in range and free (a restored account
+    // keeps the uid its files on the volumes are owned by).
+    bool take(long uid)
+    {
+        if (uid < kFirstUid || uid > kLastUid || used_[static_cast<std::size_t>(uid - kFirstUid)])
+            return false;
+        if (!snapshot_ && getpwuid(static_cast<uid_t>(uid)) != nullptr)
+            return false;
+        used_[static_cast<std::size_t>(uid - kFirstUid)] = true;
+        return true;
+    }
+
     int last() const noexcept { return last_; }
 
 private:
@@ -740,6 +753,8 @@ struct Change {
     bool modify = false;
     bool rename() const { return modify && old_key != key; }
     bool new_password = false;     // modifications whose password changes
+    const StoredUser *stored = nullptr; // restored from a backup: hashes given
+    long uid = -1;                 // the account's uid once built
 };
 
 enum class Fault { none, invalid, exists, missing };
@@ -762,9 +777,20 @@ int fault_result(Fault fault)
 // The batch of KEMOUserSetLocal under the writer lock.
 class UserBatch {
 public:
-    UserBatch(const KEMOUSERSET *users, int count, PKLIBSZLIST *errors)
-        : users_(users), count_(count), errors_(errors)
+    // stored, when given, runs parallel to users: the accounts take those
+    // hashes instead of hashing a password.
+    UserBatch(const KEMOUSERSET *users, int count, PKLIBSZLIST *errors,
+              const StoredUser *stored = nullptr)
+        : users_(users), count_(count), errors_(errors), stored_(stored)
     {
+    }
+    // Each account of the batch with its uid, after run().
+    std::vector<std::pair<std::string, long>> uids() const
+    {
+        std::vector<std::pair<std::string, long>> out;
+        for (const Change &c : changes_)
+            out.emplace_back(c.in->szName, c.uid);
+        return out;
     }
 
     int run();
@@ -785,6 +811,7 @@ private:
     const KEMOUSERSET *users_;
     int count_;
     PKLIBSZLIST *errors_;
+    const StoredUser *stored_;
 
     AccountFile passwd_, shadow_, smbpasswd_;
     LineIndex passwd_index_, shadow_index_, smb_index_;
@@ -843,6 +870,7 @@ int UserBatch::classify()
         }
         Change c;
         c.in = &u;
+        c.stored = stored_ != nullptr ? &stored_[i] : nullptr;
         c.key = key_of(u.szName);
         c.modify = u.szOldName != nullptr && *u.szOldName != '\0';
         bool faulty = false;
@@ -947,11 +975,14 @@ bool UserBatch::build_modified(Change &c)
         return fail(false, ERR_FORMAT_ERROR);
     }
     const long uid = *number(pw[2]);
+    c.uid = uid;
 
     // The same-password rule: the stored hash given back keeps everything.
     c.new_password = u.szPasswd != nullptr && sh[1] != u.szPasswd;
     std::optional<Hashes> hashes;
-    if (c.new_password && !(hashes = hash_password(u.szPasswd, sh[1])))
+    if (c.new_password && c.stored != nullptr)
+        hashes = Hashes{c.stored->unix_hash, c.stored->lm, c.stored->nt};
+    else if (c.new_password && !(hashes = hash_password(u.szPasswd, sh[1])))
         return false;
 
     const std::string desc = u.szDesc != nullptr ? encoded_desc(u.szDesc) : std::string(pw[4]);
@@ -970,7 +1001,9 @@ bool UserBatch::build_modified(Change &c)
         admin_hash_ = hash, admin_hash_known_ = true;
 
     const auto smb_it = smb_index_.find(c.old_key);
-    if (hashes) {
+    if (hashes && hashes->nt.empty()) {
+        // A restored account without file-sharing hashes keeps its line.
+    } else if (hashes) {
         smbpasswd_.put(smb_it == smb_index_.end() ? nullptr : &smb_it->second,
                        smbpasswd_line(u.szName, uid, *hashes));
     } else if (smb_it != smb_index_.end() && name_field(smbpasswd_[smb_it->second]) != u.szName) {
@@ -1004,10 +1037,16 @@ bool UserBatch::build_modified(Change &c)
 bool UserBatch::build_new(Change &c, UidAllocator &uids)
 {
     const KEMOUSERSET &u = *c.in;
-    const auto uid = uids.next();
+    const auto uid = c.stored != nullptr && uids.take(c.stored->uid)
+                         ? std::optional<int>(static_cast<int>(c.stored->uid))
+                         : uids.next();
     if (!uid)
         return false;
-    const auto hashes = hash_password(u.szPasswd, {});
+    c.uid = *uid;
+    const auto hashes = c.stored != nullptr
+                            ? std::optional<Hashes>(Hashes{c.stored->unix_hash, c.stored->lm,
+                                                           c.stored->nt})
+                            : hash_password(u.szPasswd, {});
     if (!hashes)
         return false;
     passwd_.append(
@@ -1019,8 +1058,9 @@ bool UserBatch::build_new(Change &c, UidAllocator &uids)
              std::string(u.szName) + ':' + hashes->unix_hash + ':' + std::to_string(today()) +
                  ":0:99999:7::" + expire_field(u.expire) + ':');
     const auto smb_it = smb_index_.find(c.key);
-    smbpasswd_.put(smb_it == smb_index_.end() ? nullptr : &smb_it->second,
-                   smbpasswd_line(u.szName, *uid, *hashes));
+    if (!hashes->nt.empty())
+        smbpasswd_.put(smb_it == smb_index_.end() ? nullptr : &smb_it->second,
+                       smbpasswd_line(u.szName, *uid, *hashes));
     if (same_name(u.szName, "admin"))
         admin_hash_ = hashes->unix_hash, admin_hash_known_ = true;
     if (u.szEmail != nullptr)
@@ -1107,7 +1147,7 @@ int UserBatch::run()
 void UserBatch::after_commit()
 {
     for (const Change &c : changes_)
-        if (c.new_password)
+        if (c.new_password && c.stored == nullptr) // a restored hash has no plain text
             KEMONetBackupSetServerPasswd(c.in->szName, c.in->szPasswd);
     if (guest_ != nullptr && guest_->szPasswd != nullptr &&
         !set_guest_afpd(*guest_->szPasswd != '\0'))
@@ -1136,6 +1176,127 @@ bool system_account(std::string_view passwd_line)
 }
 
 } // namespace
+
+namespace kemo::accounts {
+
+bool stored_users(std::vector<StoredUser> &out)
+{
+    FileLock lock(kUserReadLock, kUserReadUnlock);
+    if (!lock.held())
+        return fail(false, ERR_LOCK_FAILED);
+    AccountFile passwd_file, shadow_file, smb_file;
+    if (!passwd_file.read(kPasswd) || !shadow_file.read(kShadow) || !smb_file.read(kSmbpasswd))
+        return false;
+    // The other files by account key, the first line of a name winning.
+    auto by_key = [](const AccountFile &file) {
+        std::unordered_map<std::string, std::string_view> lines;
+        for (std::size_t i = 0; i < file.size(); ++i)
+            if (const auto name = name_field(file[i]); !name.empty())
+                lines.try_emplace(key_of(name), file[i]);
+        return lines;
+    };
+    const auto shadows = by_key(shadow_file);
+    const auto smb_lines = by_key(smb_file);
+    std::unordered_map<std::string, std::string> mail;
+    kemo::for_each_line(kMail, [&](std::string_view line) {
+        if (!line.empty() && line[0] != '#' && line[0] != ';')
+            if (const auto pair = kemo::split_pair(kemo::chomp(line)))
+                mail.try_emplace(key_of(pair->key), pair->value);
+        return 1;
+    });
+
+    for (std::size_t i = 0; i < passwd_file.size(); ++i) {
+        const auto pw = split(passwd_file[i]);
+        const auto uid = pw.size() == 7 ? number(pw[2]) : std::nullopt;
+        if (!uid || *uid < kFirstUid || *uid >= kNobodyUid)
+            continue;
+        StoredUser user;
+        user.name = pw[0];
+        user.uid = *uid;
+        const std::string encoded(pw[4]);
+        user.desc.assign(encoded.size() + 1, '\0');
+        if (KLIBStrDecodeColon(encoded.c_str(), user.desc.data(), static_cast<int>(encoded.size())) < 0)
+            user.desc = encoded;
+        else
+            user.desc.resize(std::strlen(user.desc.c_str()));
+        const std::string key = key_of(user.name);
+        if (const auto it = shadows.find(key); it != shadows.end()) {
+            const auto sh = split(it->second);
+            if (sh.size() == 9) {
+                user.unix_hash = sh[1];
+                user.expire = static_cast<int32_t>(std::clamp<long>(number(sh[7]).value_or(0), 0, INT32_MAX));
+            }
+        }
+        if (const auto it = smb_lines.find(key); it != smb_lines.end()) {
+            const auto smb = split(it->second);
+            if (smb.size() >= 6)
+                user.lm = smb[2], user.nt = smb[3];
+        }
+        if (const auto it = mail.find(key); it != mail.end())
+            user.email = it->second;
+        out.push_back(std::move(user));
+    }
+    return true;
+}
+
+int restore_users(const std::vector<StoredUser> &users,
+                  std::vector<std::pair<std::string, long>> &uids, PKLIBSZLIST *errors)
+{
+    if (users.empty())
+        return 0;
+    if (*errors == nullptr && (*errors = PslKLIBSzListAlloc(512)) == nullptr)
+        return -1;
+    KLIBSzListRemoveAll(*errors);
+    // Texts that would break a line of an account file are refused, as are
+    // file-sharing hashes that are not 32 hex digits.
+    const auto hex32 = [](std::string_view h) {
+        return h.size() == 32 && std::all_of(h.begin(), h.end(), [](char ch) {
+                   return std::isxdigit(static_cast<unsigned char>(ch)) != 0;
+               });
+    };
+    for (const StoredUser &u : users) {
+        const bool hashes_ok = (u.lm.empty() && u.nt.empty()) || (hex32(u.lm) && hex32(u.nt));
+        if (has_line_break(u.desc.c_str()) || has_line_break(u.email.c_str()) ||
+            u.unix_hash.find_first_of(":\r\n") != std::string::npos || !hashes_ok) {
+            KLIBSzListPush(errors, u.name.c_str());
+            return fail(-1, ERR_BAD_PARAMETERS);
+        }
+    }
+    FileLock lock(kAccountWriteLock, kAccountWriteUnlock);
+    if (!lock.held())
+        return fail(-1, ERR_LOCK_FAILED);
+    AccountFile passwd_file;
+    if (!passwd_file.read(kPasswd))
+        return -1;
+    NameKeys present;
+    for (std::size_t i = 0; i < passwd_file.size(); ++i)
+        if (const auto name = name_field(passwd_file[i]); !name.empty())
+            present.add(key_of(name));
+    // An account present under the name is modified (and takes the stored
+    // spelling), a missing one created.
+    std::vector<KEMOUSERSET> set(users.size());
+    for (std::size_t i = 0; i < users.size(); ++i) {
+        const StoredUser &u = users[i];
+        set[i] = KEMOUSERSET{KEMO_ACCOUNT_LOCAL,
+                             present.match(u.name) ? u.name.c_str() : nullptr,
+                             u.name.c_str(),
+                             u.unix_hash.c_str(),
+                             u.desc.c_str(),
+                             u.expire,
+                             u.email.empty() ? nullptr : u.email.c_str()};
+    }
+    UserBatch batch(set.data(), static_cast<int>(set.size()), errors, users.data());
+    const int result = batch.run();
+    if (result == 0) {
+        batch.after_commit();
+        uids = batch.uids();
+    }
+    if (!lock.release() && result == 0)
+        return fail(kUnlockFailed, ERR_UNLOCK_FAILED);
+    return result;
+}
+
+} // namespace kemo::accounts
 
 extern "C" {
 

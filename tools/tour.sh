@@ -94,3 +94,28 @@ echo "== Deleting a user; the users and groups left"
 step kemoctl user delete carol
 step kemoctl user list
 step kemoctl group list
+
+echo
+echo "== Event log: events by id with arguments, shown in the reader's language"
+step kemoctl log add 1 1 12200006
+step kemoctl log add 1 1 0x12200001 dave admin
+step kemoctl log add 1 2 12200008 volume1 91
+step kemoctl log add 1 3 12200009 /dev/sdb volume1
+step kemoctl log show 1
+step kemoctl log show 1 ger
+step kemoctl log size 1 32768
+step kemoctl get /etc/kemolog.conf syslogfilesize_MAX
+
+echo
+echo "== Configuration backup: save it, check it, restore it on a fresh factory appliance"
+step kemoctl group desc team "Project team"
+step kemoctl hostname tour-nas
+step kemoctl backup export /tmp/tour.kbk
+step kemoctl backup list /tmp/tour.kbk
+echo "(host name 2, users 100, groups 200, shares 20:)"
+step kemoctl backup check /tmp/tour.kbk 322
+# kemo-sandbox nests: a second, fresh appliance with only the backup file.
+restore='kemoctl hostname; kemoctl backup import /tmp/tour.kbk 322; kemoctl hostname; kemoctl user list; '
+restore=$restore'kemoctl group show team; kemoctl group desc team; kemoctl share access photo robert; '
+restore=$restore'kemoctl log show 1 | tail -n 1'
+step kemo-sandbox --place /tmp/tour.kbk:/tmp/tour.kbk -- sh -exc "$restore"
