@@ -69,11 +69,15 @@ test)
     # A short fuzzing run from the saved corpus (new inputs go to a scratch
     # directory; an input that finds a fault is kept to be added to the
     # corpus, and fails the run).
+    # Targets that import into the appliance's paths enter the sandbox
+    # themselves: the checkout stays visible there, the machine's /tmp not.
     CC=clang CXX=clang++ build build-fuzz -DKEMO_BUILD_FUZZ=ON
+    export KEMO_SANDBOX_EXPOSE="$top"
     for target in build-fuzz/fuzz/fuzz_*; do
         name=${target##*/fuzz_}
-        scratch=$(mktemp -d)
-        "$target" -max_total_time="${KEMO_FUZZ_SECONDS:-30}" -artifact_prefix="build-fuzz/" \
+        scratch=build-fuzz/scratch-$name
+        rm -rf "$scratch" && mkdir -p "$scratch"
+        "$target" -max_total_time="${KEMO_FUZZ_SECONDS:-20}" -artifact_prefix="build-fuzz/" \
             "$scratch" "fuzz/corpus/$name"
         rm -rf "$scratch"
     done

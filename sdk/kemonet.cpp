@@ -1,1 +1,142 @@
-// placeholder: being written
+// Host name and network services: the appliance's name (kept alike in
+// /etc/kemoinfo.conf, /etc/hostname and the kernel), and switching the file
+// and network services and the web service through their control scripts.
+#include "kemo_internal.hpp"
+#include "kemo_io.hpp"
+#include "kemo_process.hpp"
+
+#include <unistd.h>
+
+#include <array>
+#include <cstring>
+#include <string>
+
+namespace {
+
+using kemo::fail;
+
+constexpr char kSettings[] = "/etc/kemoinfo.conf";
+constexpr char kHostnameFile[] = "/etc/hostname";
+constexpr char kNetServiceScript[] = "/usr/kemo/etc/rc.d/rc.netservice";
+constexpr char kWebScript[] = "/usr/kemo/etc/rc.d/web.sh";
+constexpr char kQuotedPair[] = "%s=\"%s\"\n";
+
+// Holds the settings lock exclusively for a scope.
+class SettingsLock {
+public:
+    SettingsLock() : held_(ErrKLIBFileLock(KLIB_LOCK_KEMOINFO | KLIB_LOCK_EX, 5) == 0) {}
+    ~SettingsLock()
+    {
+        if (held_)
+            ErrKLIBFileUnlock(KLIB_LOCK_KEMOINFO);
+    }
+    SettingsLock(const SettingsLock &) = delete;
+    SettingsLock &operator=(const SettingsLock &) = delete;
+    bool held() const noexcept { return held_; }
+
+private:
+    bool held_;
+};
+
+// Runs a control script with one argument: 0 when it ran and exited 0,
+// else -1 with ERR_OP_FAILURE (also for a missing script).
+int run_script(const char *script, const char *argument)
+{
+    if (::access(script, X_OK) != 0) {
+        KEMO_LOG("control script %s missing", script);
+        return fail(-1, ERR_OP_FAILURE);
+    }
+    const std::array<const char *, 2> argv{script, argument};
+    const int status = kemo::run_program(argv);
+    if (status != 0) {
+        KEMO_LOG("%s %s failed (%d)", script, argument, status);
+        return fail(-1, ERR_OP_FAILURE);
+    }
+    return 0;
+}
+
+} // namespace
+
+extern "C" {
+
+KEMO_API int KEMOLnxGetHostname(char *buf, int size)
+{
+    if (buf == nullptr || size <= 0)
+        return fail(-1, ERR_BAD_PARAMETERS);
+    return kemo::edge(-1, [&] {
+        std::string name;
+        const int needed = KLIBFileGetKeyValue(kSettings, "hostname", nullptr, 0, 0);
+        if (needed > 0) {
+            name.resize(static_cast<std::size_t>(needed));
+            if (KLIBFileGetKeyValue(kSettings, "hostname", name.data(), needed, 0) != needed)
+                return -1;
+            name.resize(static_cast<std::size_t>(needed - 1));
+        } else {
+            // No setting yet: the kernel's name.
+            char kernel[256] = "";
+            if (::gethostname(kernel, sizeof kernel - 1) != 0)
+                return fail(-1, ERR_OP_FAILURE);
+            name = kernel;
+        }
+        if (name.size() >= static_cast<std::size_t>(size))
+            return fail(-1, ERR_NOT_ENOUGH_MEMORY);
+        std::memcpy(buf, name.c_str(), name.size() + 1);
+        return 0;
+    });
+}
+
+KEMO_API int KEMOLnxSetHostname(const char *name)
+{
+    if (name == nullptr)
+        return fail(-1, ERR_BAD_PARAMETERS);
+    if (!BlKLIBIsHostname(name))
+        return fail(-1, ERR_INVALID_SERVERNAME);
+    return kemo::edge(-1, [&] {
+        SettingsLock lock;
+        if (!lock.held())
+            return fail(-1, ERR_LOCK_FAILED);
+        // The kernel first: when it refuses, no file names a host that is
+        // not running.  Should a file write fail afterwards, the kernel gets
+        // its old name back.
+        char old_name[256] = "";
+        const bool had_name = ::gethostname(old_name, sizeof old_name - 1) == 0;
+        if (::sethostname(name, std::strlen(name)) != 0) {
+            KEMO_LOG("sethostname(%s) failed, errno = %d", name, errno);
+            return fail(-1, ERR_OP_FAILURE);
+        }
+        if (KLIBFileSetKeyValue(kSettings, "hostname", name, kQuotedPair) < 0 ||
+            !kemo::create_file(kHostnameFile, std::string(name) + "\n")) {
+            KEMO_LOG("fail to store host name %s (%X)", name, KLIBErrGet());
+            if (had_name && ::sethostname(old_name, std::strlen(old_name)) != 0)
+                KEMO_LOG("fail to restore host name %s", old_name);
+            return -1;
+        }
+        return 0;
+    });
+}
+
+KEMO_API int ErrNetServiceStop(void)
+{
+    return kemo::edge(-1, [] { return run_script(kNetServiceScript, "stop"); });
+}
+
+KEMO_API int ErrNetServiceStart(void)
+{
+    return kemo::edge(-1, [] { return run_script(kNetServiceScript, "start"); });
+}
+
+KEMO_API int KEMOWebService(int on)
+{
+    return kemo::edge(-1, [&] {
+        {
+            SettingsLock lock;
+            if (!lock.held())
+                return fail(-1, ERR_LOCK_FAILED);
+            if (KLIBFileSetKeyValue(kSettings, "runweb", on ? "yes" : "no", kQuotedPair) < 0)
+                return -1;
+        }
+        return run_script(kWebScript, on ? "start" : "stop");
+    });
+}
+
+} // extern "C"

@@ -11,6 +11,7 @@
 // with apply 0 it stops there.
 #include "kemo_accounts.hpp"
 #include "kemo_io.hpp"
+#include "kemo_sysbackup.hpp"
 
 #include <unistd.h>
 
@@ -39,32 +40,16 @@ constexpr uint32_t kShareNotRestored = 0x12100051, kUserNotRestored = 0x12100052
 // More entries than a body could describe sensibly: the count is damaged.
 constexpr int32_t kMaxEntries = 1 << 16;
 
-void report(uint32_t event, const char *name = "")
-{
-    KEMOLogSet1(KEMO_LOG_SYSTEM, KEMO_EVENT_ERROR, event, name, "", "", "");
-}
+using kemo::sysbackup::report;
 
-// Writes one section: header, the values body() writes, the patched size.
-// A failure appends the section's export failure event.
-int export_section(int fd, uint32_t id, uint32_t failed_event, const std::function<bool()> &body)
+// Writes one section; a failure appends the section's export failure event.
+int export_section(const char *fn, int fd, uint32_t id, uint32_t failed_event,
+                   const std::function<bool()> &body)
 {
-    if (KEMOSysbkpIWriteHeader(fd, id) < 0) {
-        KEMO_LOG("fail to write header");
+    const int result = kemo::sysbackup::write_section(fn, fd, id, body);
+    if (result != 0)
         report(failed_event);
-        return -1;
-    }
-    const off_t begin = ::lseek(fd, 0, SEEK_CUR);
-    if (begin < 0 || !body()) {
-        report(failed_event);
-        return -1;
-    }
-    const off_t end = ::lseek(fd, 0, SEEK_CUR);
-    if (end < 0 || KEMOSysbkpIWriteBlkSize(fd, begin, end) < 0) {
-        KEMO_LOG("fail to write block size");
-        report(failed_event);
-        return -1;
-    }
-    return 0;
+    return result;
 }
 
 // Typed values out; every call after a failure does nothing.
@@ -90,13 +75,9 @@ struct Reader {
     bool ok = true;
     std::string text()
     {
-        char *raw = nullptr;
-        if (!ok || KEMOSysbkpIReadString(fd, &raw) < 0) {
-            ok = false;
-            return {};
-        }
-        const std::unique_ptr<char, decltype(&std::free)> owned(raw, &std::free);
-        return raw;
+        std::string value;
+        ok = ok && kemo::sysbackup::read_text(fd, value);
+        return ok ? value : std::string();
     }
     long number()
     {
@@ -142,7 +123,7 @@ std::optional<std::vector<std::string>> enumerate(int (*enumerator)(int, char **
 
 int export_users(int fd)
 {
-    return export_section(fd, kUserId, kUserExportFailed, [&] {
+    return export_section("KEMOSysbkpUserExport", fd, kUserId, kUserExportFailed, [&] {
         std::vector<acc::StoredUser> users;
         if (!acc::stored_users(users)) {
             KEMO_LOG("fail to read the local users (%X)", KLIBErrGet());
@@ -239,7 +220,7 @@ std::optional<StoredGroup> read_group(const std::string &name)
 
 int export_groups(int fd)
 {
-    return export_section(fd, kGroupId, kGroupExportFailed, [&] {
+    return export_section("KEMOSysbkpGroupExport", fd, kGroupId, kGroupExportFailed, [&] {
         auto names = enumerate(&KEMOGroupEnum, KEMO_GROUP_LOCAL);
         if (!names) {
             KEMO_LOG("fail to enumerate the local groups (%X)", KLIBErrGet());
@@ -362,7 +343,7 @@ bool read_shares(std::vector<StoredShare> &out)
 
 int export_shares(int fd)
 {
-    return export_section(fd, kShareId, kShareExportFailed, [&] {
+    return export_section("KEMOSysbkpShareExport", fd, kShareId, kShareExportFailed, [&] {
         std::vector<StoredShare> shares;
         {
             acc::FileLock lock(acc::kShareReadLock, acc::kShareReadUnlock);
