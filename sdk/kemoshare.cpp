@@ -361,7 +361,10 @@ std::optional<SnapshotPath> snapshot_path(std::string_view path)
     if (parts.size() < 4 || !parts[0].empty() || parts[1].empty() || parts[2] != kSnapshotDoor ||
         parts[3].empty())
         return std::nullopt;
-    SnapshotPath snapshot{"/" + std::string(parts[1]), std::string(parts[3]), {}};
+    // Built by appending: gcc 12 warns falsely about "/" + std::string at -O2.
+    std::string volume(1, '/');
+    volume.append(parts[1]);
+    SnapshotPath snapshot{std::move(volume), std::string(parts[3]), {}};
     const std::size_t head = snapshot.volume.size() + kSnapshotDoor.size() + snapshot.snap.size() + 2;
     if (path.size() > head)
         snapshot.rest = std::string(path.substr(head + 1));
