@@ -2,6 +2,7 @@
 // without a crash, an endless walk or a leak, and repaired; a record must
 // then be appended (or refused) without damage, and a compaction must give
 // a log that reads back without any repair.
+#include "fuzz_scratch.hpp"
 #include "kemo.h"
 
 #include <syslog.h>
@@ -16,43 +17,9 @@
 
 namespace {
 
-// A private scratch directory on tmpfs; never one of the appliance's paths.
-// Kept in a plain array so that it outlives the exit handler removing it.
-char g_scratch[] = "/dev/shm/kemo-fuzz-log-XXXXXX";
-
-std::string scratch()
-{
-    static const bool made = [] {
-        if (::mkdtemp(g_scratch) == nullptr)
-            std::abort();
-        std::atexit([] { ::rmdir(g_scratch); });
-        return true;
-    }();
-    (void)made;
-    return g_scratch;
-}
-
-void put(const std::string &path, std::string_view content)
-{
-    FILE *f = std::fopen(path.c_str(), "w");
-    if (f == nullptr)
-        std::abort();
-    std::fwrite(content.data(), 1, content.size(), f);
-    std::fclose(f);
-}
-
-std::string whole(const std::string &path)
-{
-    std::string content;
-    if (FILE *f = std::fopen(path.c_str(), "r")) {
-        char buf[8192];
-        std::size_t n;
-        while ((n = std::fread(buf, 1, sizeof buf, f)) > 0)
-            content.append(buf, n);
-        std::fclose(f);
-    }
-    return content;
-}
+using kemo::fuzz::put;
+using kemo::fuzz::scratch;
+using kemo::fuzz::whole;
 
 uint32_t get32(const std::string &s, std::size_t at)
 {

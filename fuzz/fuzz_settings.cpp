@@ -1,6 +1,7 @@
 // Fuzz target for the settings-file readers and the one-key writer: any
 // bytes as a key/value or sectioned file must be read without a crash or a
 // leak, and a key set in such a file must read back as set.
+#include "fuzz_scratch.hpp"
 #include "kemo.h"
 
 #include <cstdint>
@@ -13,30 +14,8 @@
 
 namespace {
 
-// A private scratch directory on tmpfs; never one of the appliance's paths.
-// Kept in a plain array so that it outlives the exit handler removing it.
-char g_scratch[] = "/dev/shm/kemo-fuzz-XXXXXX";
-
-std::string scratch()
-{
-    static const bool made = [] {
-        if (::mkdtemp(g_scratch) == nullptr)
-            std::abort();
-        std::atexit([] { ::rmdir(g_scratch); });
-        return true;
-    }();
-    (void)made;
-    return g_scratch;
-}
-
-void put(const std::string &path, std::string_view content)
-{
-    FILE *f = std::fopen(path.c_str(), "w");
-    if (f == nullptr)
-        std::abort();
-    std::fwrite(content.data(), 1, content.size(), f);
-    std::fclose(f);
-}
+using kemo::fuzz::put;
+using kemo::fuzz::scratch;
 
 // The key of the input's first line, so that lookups also hit.
 std::string first_key(std::string_view text)

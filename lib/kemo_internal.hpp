@@ -17,6 +17,31 @@
 
 namespace kemo {
 
+// Holds configuration locks (ErrKLIBFileLock) for a scope:
+//   ConfigLock lock(KLIB_LOCK_KEMOINFO | KLIB_LOCK_EX);
+//   if (!lock.held()) return fail(-1, ERR_LOCK_FAILED);
+// The release covers the masks of the request (its low four bits are the
+// operation).
+class ConfigLock {
+public:
+    explicit ConfigLock(int request, int timeout = 5) noexcept
+        : mask_(request & ~0xF), held_(ErrKLIBFileLock(request, timeout) == 0)
+    {
+    }
+    ~ConfigLock()
+    {
+        if (held_)
+            ErrKLIBFileUnlock(mask_);
+    }
+    ConfigLock(const ConfigLock &) = delete;
+    ConfigLock &operator=(const ConfigLock &) = delete;
+    bool held() const noexcept { return held_; }
+
+private:
+    int mask_;
+    bool held_;
+};
+
 // Runs the body of an exported function.  No exception may cross the C
 // boundary: running out of memory becomes ERR_OUT_OF_MEMORY, anything else
 // ERR_UNKNOWN, and the documented failure value is returned.

@@ -12,8 +12,10 @@ namespace kemo::sysbackup {
 
 // Writes one section at the current position of fd: its header, the values
 // body() writes, then the patched body size.  fn names the exported
-// function in the messages.  0, or -1 (logged).
-int write_section(const char *fn, int fd, uint32_t id, const std::function<bool()> &body);
+// function in the messages.  0, or -1 (logged, and failed_event appended to
+// the event log when it is not 0).
+int write_section(const char *fn, int fd, uint32_t id, const std::function<bool()> &body,
+                  uint32_t failed_event = 0);
 
 // One string value into text.  false on a damaged or cut value.
 bool read_text(int fd, std::string &text);

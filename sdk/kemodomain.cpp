@@ -47,24 +47,6 @@ struct DirClose {
     void operator()(DIR *d) const noexcept { ::closedir(d); }
 };
 
-// Holds the domain lock while the domain lists are replaced, so that two
-// refreshes never write the same twin at once.
-class DomainLock {
-public:
-    DomainLock() : held_(ErrKLIBFileLock(KLIB_LOCK_WIN | KLIB_LOCK_EX, kLockTimeout) == 0) {}
-    ~DomainLock()
-    {
-        if (held_)
-            ErrKLIBFileUnlock(KLIB_LOCK_WIN);
-    }
-    DomainLock(const DomainLock &) = delete;
-    DomainLock &operator=(const DomainLock &) = delete;
-    bool held() const noexcept { return held_; }
-
-private:
-    bool held_;
-};
-
 bool domain_joined()
 {
     return setting(kSettings, "domainjoined") == "yes";
@@ -283,7 +265,7 @@ int refresh_domain_lists()
         group_list.append(group).append("\n");
         member_list.append(group).append(" = \"").append(members).append("\"\n");
     }
-    DomainLock lock;
+    kemo::ConfigLock lock(KLIB_LOCK_WIN | KLIB_LOCK_EX, kLockTimeout);
     if (!lock.held())
         return fail(-1, ERR_LOCK_FAILED);
     if (!replace_file(kDomainUser, user_list) || !replace_file(kDomainGroup, group_list) ||

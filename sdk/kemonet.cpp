@@ -21,23 +21,6 @@ constexpr char kNetServiceScript[] = "/usr/kemo/etc/rc.d/rc.netservice";
 constexpr char kWebScript[] = "/usr/kemo/etc/rc.d/web.sh";
 constexpr char kQuotedPair[] = "%s=\"%s\"\n";
 
-// Holds the settings lock exclusively for a scope.
-class SettingsLock {
-public:
-    SettingsLock() : held_(ErrKLIBFileLock(KLIB_LOCK_KEMOINFO | KLIB_LOCK_EX, 5) == 0) {}
-    ~SettingsLock()
-    {
-        if (held_)
-            ErrKLIBFileUnlock(KLIB_LOCK_KEMOINFO);
-    }
-    SettingsLock(const SettingsLock &) = delete;
-    SettingsLock &operator=(const SettingsLock &) = delete;
-    bool held() const noexcept { return held_; }
-
-private:
-    bool held_;
-};
-
 // Runs a control script with one argument: 0 when it ran and exited 0,
 // else -1 with ERR_OP_FAILURE (also for a missing script).
 int run_script(const char *script, const char *argument)
@@ -92,7 +75,7 @@ KEMO_API int KEMOLnxSetHostname(const char *name)
     if (!BlKLIBIsHostname(name))
         return fail(-1, ERR_INVALID_SERVERNAME);
     return kemo::edge(-1, [&] {
-        SettingsLock lock;
+        kemo::ConfigLock lock(KLIB_LOCK_KEMOINFO | KLIB_LOCK_EX);
         if (!lock.held())
             return fail(-1, ERR_LOCK_FAILED);
         // The kernel first: when it refuses, no file names a host that is
@@ -129,7 +112,7 @@ KEMO_API int KEMOWebService(int on)
 {
     return kemo::edge(-1, [&] {
         {
-            SettingsLock lock;
+            kemo::ConfigLock lock(KLIB_LOCK_KEMOINFO | KLIB_LOCK_EX);
             if (!lock.held())
                 return fail(-1, ERR_LOCK_FAILED);
             if (KLIBFileSetKeyValue(kSettings, "runweb", on ? "yes" : "no", kQuotedPair) < 0)

@@ -158,26 +158,6 @@ private:
 
 // ------------------------------------------------------------ settings
 
-// Holds the settings lock (shared or exclusive) for a scope.
-class SettingsLock {
-public:
-    explicit SettingsLock(int operation)
-        : held_(ErrKLIBFileLock(KLIB_LOCK_KEMOINFO | operation, 5) == 0)
-    {
-    }
-    ~SettingsLock()
-    {
-        if (held_)
-            ErrKLIBFileUnlock(KLIB_LOCK_KEMOINFO);
-    }
-    SettingsLock(const SettingsLock &) = delete;
-    SettingsLock &operator=(const SettingsLock &) = delete;
-    bool held() const noexcept { return held_; }
-
-private:
-    bool held_;
-};
-
 // A string hash that is freed with its scope (the address is handed to
 // the functions that may move the block).
 struct HashHolder {
@@ -383,7 +363,8 @@ bool value_ok(Kind kind, std::string_view value) noexcept
 // configuration, so that it names the same workgroup as the settings.
 bool set_smb_workgroup(const char *fn, const std::string &workgroup)
 {
-    if (ErrKLIBFileLock(KLIB_LOCK_SMB | KLIB_LOCK_EX, 5) != 0) {
+    const kemo::ConfigLock lock(KLIB_LOCK_SMB | KLIB_LOCK_EX);
+    if (!lock.held()) {
         BKP_LOG(fn, "lock file failed");
         return false;
     }
@@ -420,7 +401,6 @@ bool set_smb_workgroup(const char *fn, const std::string &workgroup)
                 return 1;
             });
     }
-    ErrKLIBFileUnlock(KLIB_LOCK_SMB);
     if (result < 0) {
         BKP_LOG(fn, "fail to set workgroup in %s (%X)", kSmbConf, KLIBErrGet());
         return false;
@@ -437,7 +417,7 @@ bool store_settings(const char *fn, const std::vector<std::pair<std::string, std
     for (const auto &[key, value] : pairs)
         if (KLIBSzHashSetValue(&holder.hash, key.c_str(), value.c_str()) < 0)
             return false;
-    const SettingsLock lock(KLIB_LOCK_EX);
+    const kemo::ConfigLock lock(KLIB_LOCK_KEMOINFO | KLIB_LOCK_EX);
     if (!lock.held()) {
         BKP_LOG(fn, "lock file failed");
         return false;
@@ -455,7 +435,7 @@ int export_settings(const char *fn, int fd, const SettingsSection &section)
         return 0;
     std::vector<std::pair<std::string, std::string>> pairs;
     {
-        const SettingsLock lock(KLIB_LOCK_SH);
+        const kemo::ConfigLock lock(KLIB_LOCK_KEMOINFO | KLIB_LOCK_SH);
         if (!lock.held()) {
             BKP_LOG(fn, "lock file failed");
             report(section.export_event);
@@ -472,7 +452,7 @@ int export_settings(const char *fn, int fd, const SettingsSection &section)
                 pairs.emplace_back(key.name, std::move(*value));
         }
     }
-    const int result = write_section(fn, fd, section.id, [&] {
+    return write_section(fn, fd, section.id, [&] {
         if (KEMOSysbkpIWriteLong(fd, static_cast<int32_t>(pairs.size())) < 0) {
             BKP_LOG(fn, "fail to write count");
             return false;
@@ -484,10 +464,7 @@ int export_settings(const char *fn, int fd, const SettingsSection &section)
                 return false;
             }
         return true;
-    });
-    if (result < 0)
-        report(section.export_event);
-    return result;
+    }, section.export_event);
 }
 
 // Reads the whole body first and refuses it unless every pair is sound;
@@ -763,7 +740,8 @@ namespace kemo::sysbackup {
 // The interface section has no registry entry, so its
 // header is written here with the common version instead of through
 // KEMOSysbkpIWriteHeader.
-int write_section(const char *fn, int fd, uint32_t id, const std::function<bool()> &body)
+// The section proper; the caller reports a failure.
+int write_section_body(const char *fn, int fd, uint32_t id, const std::function<bool()> &body)
 {
     const bool headed = id == kInterfaceId ? write_header_words(fn, fd, id, kVersion)
                                            : KEMOSysbkpIWriteHeader(fd, id) == 0;
@@ -788,6 +766,15 @@ int write_section(const char *fn, int fd, uint32_t id, const std::function<bool(
         return -1;
     }
     return 0;
+}
+
+int write_section(const char *fn, int fd, uint32_t id, const std::function<bool()> &body,
+                  uint32_t failed_event)
+{
+    const int result = write_section_body(fn, fd, id, body);
+    if (result < 0 && failed_event != 0)
+        report(failed_event);
+    return result;
 }
 
 // One string value read into text.
@@ -1120,16 +1107,13 @@ KEMO_API int KEMOSysbkpHostnameExport(int fd)
             report(kHostnameExportEvent);
             return -1;
         }
-        const int result = write_section(fn, fd, kHostnameId, [&] {
+        return write_section(fn, fd, kHostnameId, [&] {
             if (KEMOSysbkpIWriteString(fd, name) < 0) {
                 BKP_LOG(fn, "fail to write hostname");
                 return false;
             }
             return true;
-        });
-        if (result < 0)
-            report(kHostnameExportEvent);
-        return result;
+        }, kHostnameExportEvent);
     });
 }
 
@@ -1188,16 +1172,13 @@ KEMO_API int KEMOSysbkpWebExport(int fd)
             return -1;
         }
         const int32_t on = run && equal_nocase(*run, "yes") ? 1 : 0;
-        const int result = write_section(fn, fd, kWebId, [&] {
+        return write_section(fn, fd, kWebId, [&] {
             if (KEMOSysbkpIWriteLong(fd, on) < 0) {
                 BKP_LOG(fn, "fail to write runweb");
                 return false;
             }
             return true;
-        });
-        if (result < 0)
-            report(kWebExportEvent);
-        return result;
+        }, kWebExportEvent);
     });
 }
 

@@ -42,16 +42,6 @@ constexpr int32_t kMaxEntries = 1 << 16;
 
 using kemo::sysbackup::report;
 
-// Writes one section; a failure appends the section's export failure event.
-int export_section(const char *fn, int fd, uint32_t id, uint32_t failed_event,
-                   const std::function<bool()> &body)
-{
-    const int result = kemo::sysbackup::write_section(fn, fd, id, body);
-    if (result != 0)
-        report(failed_event);
-    return result;
-}
-
 // Typed values out; every call after a failure does nothing.
 struct Writer {
     int fd;
@@ -123,7 +113,7 @@ std::optional<std::vector<std::string>> enumerate(int (*enumerator)(int, char **
 
 int export_users(int fd)
 {
-    return export_section("KEMOSysbkpUserExport", fd, kUserId, kUserExportFailed, [&] {
+    return kemo::sysbackup::write_section("KEMOSysbkpUserExport", fd, kUserId, [&] {
         std::vector<acc::StoredUser> users;
         if (!acc::stored_users(users)) {
             KEMO_LOG("fail to read the local users (%X)", KLIBErrGet());
@@ -137,7 +127,7 @@ int export_users(int fd)
         if (!out.ok)
             KEMO_LOG("fail to write the users");
         return out.ok;
-    });
+    }, kUserExportFailed);
 }
 
 int import_users(int fd, int apply)
@@ -220,7 +210,7 @@ std::optional<StoredGroup> read_group(const std::string &name)
 
 int export_groups(int fd)
 {
-    return export_section("KEMOSysbkpGroupExport", fd, kGroupId, kGroupExportFailed, [&] {
+    return kemo::sysbackup::write_section("KEMOSysbkpGroupExport", fd, kGroupId, [&] {
         auto names = enumerate(&KEMOGroupEnum, KEMO_GROUP_LOCAL);
         if (!names) {
             KEMO_LOG("fail to enumerate the local groups (%X)", KLIBErrGet());
@@ -251,7 +241,7 @@ int export_groups(int fd)
         if (!out.ok)
             KEMO_LOG("fail to write the groups");
         return out.ok;
-    });
+    }, kGroupExportFailed);
 }
 
 bool restore_group(const StoredGroup &g)
@@ -343,7 +333,7 @@ bool read_shares(std::vector<StoredShare> &out)
 
 int export_shares(int fd)
 {
-    return export_section("KEMOSysbkpShareExport", fd, kShareId, kShareExportFailed, [&] {
+    return kemo::sysbackup::write_section("KEMOSysbkpShareExport", fd, kShareId, [&] {
         std::vector<StoredShare> shares;
         {
             acc::FileLock lock(acc::kShareReadLock, acc::kShareReadUnlock);
@@ -362,7 +352,7 @@ int export_shares(int fd)
         if (!out.ok)
             KEMO_LOG("fail to write the shares");
         return out.ok;
-    });
+    }, kShareExportFailed);
 }
 
 // smb.conf with the restored shares' sections replacing those of the same
