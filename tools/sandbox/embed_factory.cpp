@@ -170,7 +170,9 @@ std::vector<Entry> collect(const fs::path &root) {
          ++it) {
         const fs::path &p = it->path();
         if (p == manifest_file) continue;
-        const std::string path = "/" + p.lexically_relative(root).generic_string();
+        // Appended rather than "/" + ...: gcc 12 warns falsely about that at -O2.
+        std::string path(1, '/');
+        path += p.lexically_relative(root).generic_string();
         const fs::file_status st = it->symlink_status();
         auto listed = manifest.find(path);
         if (fs::is_directory(st)) {
