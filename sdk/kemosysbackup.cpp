@@ -733,6 +733,28 @@ int import_file(const char *fn, const char *path, uint32_t mask, int apply)
     return 0;
 }
 
+// The temporary buffer of a raw block after checking the arguments: count
+// a multiple of 4, a buffer unless count is 0.  false (logged) otherwise.
+bool raw_block(const char *fn, const void *buffer, int count, std::vector<unsigned char> &words)
+{
+    if (count < 0 || count % 4 != 0) {
+        ::syslog(LOG_ERR, "%s:%d(%s) bytes error:[%d]", __FILE__, __LINE__, fn, count);
+        return false;
+    }
+    if (buffer == nullptr && count > 0) {
+        ::syslog(LOG_ERR, "%s:%d(%s) parameter error", __FILE__, __LINE__, fn);
+        return false;
+    }
+    try {
+        words.resize(static_cast<std::size_t>(count));
+    } catch (const std::bad_alloc &) {
+        errno = ENOMEM;
+        ::syslog(LOG_ERR, "%s:%d(%s) malloc:[%d(%m)]", __FILE__, __LINE__, fn, count);
+        return false;
+    }
+    return true;
+}
+
 } // namespace
 
 namespace kemo::sysbackup {
@@ -1031,22 +1053,9 @@ KEMO_API int KEMOSysbkpIReadLong(int fd, int32_t *value)
 KEMO_API int KEMOSysbkpRawIntWrite(int fd, const void *buffer, int count)
 {
     const char *const fn = __func__;
-    if (count < 0 || count % 4 != 0) {
-        ::syslog(LOG_ERR, "%s:%d(%s) bytes error:[%d]", __FILE__, __LINE__, fn, count);
-        return -1;
-    }
-    if (buffer == nullptr && count > 0) {
-        ::syslog(LOG_ERR, "%s:%d(%s) parameter error", __FILE__, __LINE__, fn);
-        return -1;
-    }
     std::vector<unsigned char> words;
-    try {
-        words.resize(static_cast<std::size_t>(count));
-    } catch (const std::bad_alloc &) {
-        errno = ENOMEM;
-        ::syslog(LOG_ERR, "%s:%d(%s) malloc:[%d(%m)]", __FILE__, __LINE__, fn, count);
+    if (!raw_block(fn, buffer, count, words))
         return -1;
-    }
     const auto *in = static_cast<const unsigned char *>(buffer);
     for (int i = 0; i < count; i += 4) {
         uint32_t word;
@@ -1063,22 +1072,9 @@ KEMO_API int KEMOSysbkpRawIntWrite(int fd, const void *buffer, int count)
 KEMO_API int KEMOSysbkpRawIntRead(int fd, void *buffer, int count)
 {
     const char *const fn = __func__;
-    if (count < 0 || count % 4 != 0) {
-        ::syslog(LOG_ERR, "%s:%d(%s) bytes error:[%d]", __FILE__, __LINE__, fn, count);
-        return -1;
-    }
-    if (buffer == nullptr && count > 0) {
-        ::syslog(LOG_ERR, "%s:%d(%s) parameter error", __FILE__, __LINE__, fn);
-        return -1;
-    }
     std::vector<unsigned char> words;
-    try {
-        words.resize(static_cast<std::size_t>(count));
-    } catch (const std::bad_alloc &) {
-        errno = ENOMEM;
-        ::syslog(LOG_ERR, "%s:%d(%s) malloc:[%d(%m)]", __FILE__, __LINE__, fn, count);
+    if (!raw_block(fn, buffer, count, words))
         return -1;
-    }
     const ssize_t got = read_full(fd, words.data(), words.size());
     if (got == 0)
         return 0; // the end of the file

@@ -313,14 +313,25 @@ const Pairs kChanged = {
 };
 constexpr uint32_t kSettingsSections = (KEMO_SYSBKP_ALL | 0x800000) & ~(0x100u | 0x200 | 0x20);
 
-TEST_F(BackupTest, CheckOnlyImportChangesNothing)
+// A backup of every settings section after kChanged, a new host name and
+// the web service off; the test goes on on a fresh factory appliance.
+class SettingsBackupTest : public BackupTest {
+protected:
+    std::string changed_settings_backup()
+    {
+        for (const auto &[k, v] : kChanged)
+            set(k.c_str(), v);
+        EXPECT_EQ(KEMOLnxSetHostname("elsewhere"), 0);
+        set("runweb", "no");
+        std::string bytes = exported(kSettingsSections);
+        fresh_appliance();
+        return bytes;
+    }
+};
+
+TEST_F(SettingsBackupTest, CheckOnlyImportChangesNothing)
 {
-    for (const auto &[k, v] : kChanged)
-        set(k.c_str(), v);
-    ASSERT_EQ(KEMOLnxSetHostname("elsewhere"), 0);
-    set("runweb", "no");
-    const std::string bytes = exported(kSettingsSections);
-    fresh_appliance();
+    const std::string bytes = changed_settings_backup();
     const std::string files[] = {kSettings, "/usr/kemo/etc/smb.conf", "/etc/hostname"};
     std::vector<std::string> before;
     for (const std::string &f : files)
@@ -331,14 +342,9 @@ TEST_F(BackupTest, CheckOnlyImportChangesNothing)
         EXPECT_EQ(read_file(files[i]), before[i]) << files[i];
 }
 
-TEST_F(BackupTest, ApplyRestoresEverySectionOnAFactoryAppliance)
+TEST_F(SettingsBackupTest, ApplyRestoresEverySectionOnAFactoryAppliance)
 {
-    for (const auto &[k, v] : kChanged)
-        set(k.c_str(), v);
-    ASSERT_EQ(KEMOLnxSetHostname("elsewhere"), 0);
-    set("runweb", "no");
-    const std::string bytes = exported(kSettingsSections);
-    fresh_appliance();
+    const std::string bytes = changed_settings_backup();
     ASSERT_EQ(setting("timezone"), "Greenwich");
     EXPECT_EQ(import(bytes, kSettingsSections, 1), 0);
     EXPECT_EQ(gimp_status, KEMO_SYSBKP_ALL);
