@@ -78,6 +78,14 @@ struct Reader {
         }
         return value;
     }
+    // Refuses the body for an entry that may not be restored (its name is
+    // the event's argument).
+    void refuse(const char *kind, const std::string &name, uint32_t event)
+    {
+        KEMO_LOG("invalid %s [%s] in the backup", kind, name.c_str());
+        report(event, name.c_str());
+        ok = false;
+    }
     // An entry count, refused when negative or implausible.
     long count()
     {
@@ -87,6 +95,15 @@ struct Reader {
         return ok ? n : 0;
     }
 };
+
+// A body that cannot be restored: logged, the section's import failure
+// event appended.  -1.
+int damaged(const char *section, uint32_t event)
+{
+    KEMO_LOG("the %s section is damaged", section);
+    report(event);
+    return -1;
+}
 
 bool has_line_break(std::string_view text)
 {
@@ -143,19 +160,13 @@ int import_users(int fd, int apply)
         u.nt = in.text();
         u.expire = static_cast<int32_t>(in.number());
         u.email = in.text();
-        if (in.ok && BlKLIBIsUserName(u.name.c_str()) != 1) {
-            KEMO_LOG("invalid user name [%s] in the backup", u.name.c_str());
-            report(kUserNotRestored, u.name.c_str());
-            in.ok = false;
-        }
+        if (in.ok && BlKLIBIsUserName(u.name.c_str()) != 1)
+            in.refuse("user name", u.name, kUserNotRestored);
         if (!in.ok)
             break;
     }
-    if (!in.ok) {
-        KEMO_LOG("the user section is damaged");
-        report(kUserImportFailed);
-        return -1;
-    }
+    if (!in.ok)
+        return damaged("user", kUserImportFailed);
     if (apply == 0)
         return 0;
 
@@ -268,19 +279,13 @@ int import_groups(int fd, int apply)
         g.members.resize(static_cast<std::size_t>(in.count()));
         for (std::string &member : g.members)
             member = in.text();
-        if (in.ok && (BlKLIBIsGroupName(g.name.c_str()) != 1 || has_line_break(g.desc))) {
-            KEMO_LOG("invalid group [%s] in the backup", g.name.c_str());
-            report(kGroupNotRestored, g.name.c_str());
-            in.ok = false;
-        }
+        if (in.ok && (BlKLIBIsGroupName(g.name.c_str()) != 1 || has_line_break(g.desc)))
+            in.refuse("group", g.name, kGroupNotRestored);
         if (!in.ok)
             break;
     }
-    if (!in.ok) {
-        KEMO_LOG("the group section is damaged");
-        report(kGroupImportFailed);
-        return -1;
-    }
+    if (!in.ok)
+        return damaged("group", kGroupImportFailed);
     if (apply == 0)
         return 0;
     // Each group is its own change: one that cannot be restored (a member
@@ -410,19 +415,13 @@ int import_shares(int fd, int apply)
         }
         const bool name_ok = BlKLIBIsShareName(share.name.c_str()) == 1 &&
                              !acc::equal_nocase(share.name, "global");
-        if (in.ok && (!name_ok || !lines_ok)) {
-            KEMO_LOG("invalid share [%s] in the backup", share.name.c_str());
-            report(kShareNotRestored, share.name.c_str());
-            in.ok = false;
-        }
+        if (in.ok && (!name_ok || !lines_ok))
+            in.refuse("share", share.name, kShareNotRestored);
         if (!in.ok)
             break;
     }
-    if (!in.ok) {
-        KEMO_LOG("the share section is damaged");
-        report(kShareImportFailed);
-        return -1;
-    }
+    if (!in.ok)
+        return damaged("share", kShareImportFailed);
     if (apply == 0 || shares.empty())
         return 0;
 
