@@ -10,10 +10,25 @@
 #include <syslog.h>
 #include <utility>
 
-// Diagnostics: one line to the system log at LOG_ERR, prefixed with the
-// source path (relative to the project, with its extension) and the line.
-#define KEMO_LOG(fmt, ...) \
-    ::syslog(LOG_ERR, "%s(%d): " fmt, __FILE__, __LINE__ __VA_OPT__(, ) __VA_ARGS__)
+namespace kemo {
+
+// The library's one way to the system log: one line at LOG_ERR, formatted
+// as printf does.  Every diagnostic of every module goes through it (the
+// KEMO_LOG forms below, or a module's own message format passed whole), so
+// the errno of the caller is never changed by logging.
+void log(const char *fmt, ...) noexcept __attribute__((format(printf, 1, 2)));
+
+} // namespace kemo
+
+// Diagnostics prefixed with the source path (relative to the project, with
+// its extension) and the line, in the three prefix forms of the library:
+//   KEMO_LOG       "lib/kemofile.cpp(120): message"
+//   KEMO_LOG_SP    "lib/kemofile.cpp (120) message"
+//   KEMO_LOG_CODE  "lib/kemofile.cpp(120)[2000] message"  (the current error code)
+#define KEMO_LOG(fmt, ...) ::kemo::log("%s(%d): " fmt, __FILE__, __LINE__ __VA_OPT__(, ) __VA_ARGS__)
+#define KEMO_LOG_SP(fmt, ...) ::kemo::log("%s (%d) " fmt, __FILE__, __LINE__ __VA_OPT__(, ) __VA_ARGS__)
+#define KEMO_LOG_CODE(fmt, ...) \
+    ::kemo::log("%s(%d)[%X] " fmt, __FILE__, __LINE__, static_cast<unsigned>(kemoerrno) __VA_OPT__(, ) __VA_ARGS__)
 
 namespace kemo {
 

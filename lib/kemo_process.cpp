@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <vector>
@@ -316,6 +317,38 @@ pid_t start_program(std::span<const char *const> argv)
     if (!got_pid || exec_failed)
         return fail(-1, ERR_OP_FAILURE);
     return pid;
+}
+
+int read_pid_file(const char *path)
+{
+    int fd;
+    do
+        fd = ::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    while (fd < 0 && errno == EINTR);
+    if (fd < 0)
+        return -1;
+    char text[32];
+    const std::size_t n = read_full(fd, text, sizeof text - 1);
+    ::close(fd);
+    std::string_view view(text, n);
+    const auto start = view.find_first_not_of(" \t");
+    if (start == std::string_view::npos)
+        return 0;
+    long long pid = 0;
+    std::size_t i = start;
+    for (; i < view.size() && view[i] >= '0' && view[i] <= '9' && pid <= INT_MAX; ++i)
+        pid = pid * 10 + (view[i] - '0');
+    if (i == start || pid > INT_MAX)
+        return 0;
+    return static_cast<int>(pid);
+}
+
+bool signal_pid_file(const char *path, int sig)
+{
+    const int pid = read_pid_file(path);
+    if (pid <= 1 || ::kill(pid, 0) != 0)
+        return false;
+    return ::kill(pid, sig) == 0;
 }
 
 } // namespace kemo

@@ -84,4 +84,15 @@ int run_program(std::span<const char *const> argv);
 // or -1 with ERR_OP_FAILURE when it could not be started or executed.
 pid_t start_program(std::span<const char *const> argv);
 
+// The pid a pid file names: the decimal number at the start of its first
+// line (digits only, after blanks, at most INT_MAX).  0 when the file holds
+// no such number, -1 (errno set) when it cannot be opened.
+int read_pid_file(const char *path);
+
+// Sends sig to the process a pid file names, after checking that the file
+// names a real process (a pid above 1: never init, never a process group)
+// that is alive.  false when it does not or kill fails.  Used instead of
+// "kill `cat file`", which would signal whatever text the file holds.
+bool signal_pid_file(const char *path, int sig);
+
 } // namespace kemo

@@ -3,10 +3,22 @@
 #include "kemo_io.hpp"
 
 #include <cerrno>
+#include <cstdarg>
+#include <syslog.h>
 #include <cstdio>
 #include <cstring>
 #include <string>
 #include <unistd.h>
+
+void kemo::log(const char *fmt, ...) noexcept
+{
+    const int saved = errno;
+    std::va_list args;
+    va_start(args, fmt);
+    ::vsyslog(LOG_ERR, fmt, args);
+    va_end(args);
+    errno = saved;
+}
 
 extern "C" {
 

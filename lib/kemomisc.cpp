@@ -264,20 +264,8 @@ KEMO_API int KLIBReadPidFile(const char *path)
 {
     if (path == nullptr)
         return kemo::fail(-1, ERR_BAD_PARAMETERS);
-    kemo::FilePtr in = kemo::open_file(path, "r");
-    if (!in)
-        return kemo::fail(-1, ERR_OPEN_FAILED);
-    char text[32] = "";
-    if (std::fgets(text, sizeof text, in.get()) == nullptr)
-        return 0;
-    // Digits only: a signed or oversized number is no pid.
-    const std::string_view view(text);
-    unsigned long long pid = 0;
-    const auto start = view.find_first_not_of(" \t\n");
-    if (start == std::string_view::npos || view[start] < '0' || view[start] > '9' ||
-        !leading_number(view, pid) || pid > INT_MAX)
-        return 0;
-    return static_cast<int>(pid);
+    const int pid = kemo::read_pid_file(path);
+    return pid < 0 ? kemo::fail(-1, ERR_OPEN_FAILED) : pid;
 }
 
 KEMO_API int KLIBProcAliveByPidFile(const char *path)

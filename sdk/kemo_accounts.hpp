@@ -30,13 +30,24 @@ inline constexpr char kSettings[] = "/etc/kemoinfo.conf";
 // The commit record of a transaction whose renames have begun.
 inline constexpr char kCommitRecord[] = "/etc/.accounts.commit";
 
-// Lock requests and release masks of the account operations.
-inline constexpr int kUserReadLock = 21, kUserReadUnlock = 16;
-inline constexpr int kAccountWriteLock = 118, kAccountWriteUnlock = 112;
-inline constexpr int kGroupReadLock = 53, kGroupReadUnlock = 48;
-inline constexpr int kGroupDeleteLock = 102, kGroupDeleteUnlock = 96;
-inline constexpr int kGroupDescLock = 37, kGroupDescUnlock = 32;
-inline constexpr int kShareReadLock = 69, kShareReadUnlock = 64;
+// Lock requests and release masks of the account operations: the files a
+// call reads or changes, and how (shared or exclusive, never waiting for a
+// lock forever: the request retries for kLockTimeout seconds).
+inline constexpr int kNoWait = KLIB_LOCK_NB;
+inline constexpr int kUserReadUnlock = KLIB_LOCK_PW;
+inline constexpr int kUserReadLock = kUserReadUnlock | KLIB_LOCK_SH | kNoWait;
+inline constexpr int kAccountWriteUnlock = KLIB_LOCK_PW | KLIB_LOCK_GR | KLIB_LOCK_SMB;
+inline constexpr int kAccountWriteLock = kAccountWriteUnlock | KLIB_LOCK_EX | kNoWait;
+inline constexpr int kGroupReadUnlock = KLIB_LOCK_PW | KLIB_LOCK_GR;
+inline constexpr int kGroupReadLock = kGroupReadUnlock | KLIB_LOCK_SH | kNoWait;
+inline constexpr int kGroupDeleteUnlock = KLIB_LOCK_GR | KLIB_LOCK_SMB;
+inline constexpr int kGroupDeleteLock = kGroupDeleteUnlock | KLIB_LOCK_EX | kNoWait;
+inline constexpr int kGroupDescUnlock = KLIB_LOCK_GR;
+inline constexpr int kGroupDescLock = kGroupDescUnlock | KLIB_LOCK_SH | kNoWait;
+inline constexpr int kShareReadUnlock = KLIB_LOCK_SMB;
+inline constexpr int kShareReadLock = kShareReadUnlock | KLIB_LOCK_SH | kNoWait;
+static_assert(kUserReadLock == 21 && kAccountWriteLock == 118 && kGroupReadLock == 53 &&
+              kGroupDeleteLock == 102 && kGroupDescLock == 37 && kShareReadLock == 69);
 inline constexpr int kLockTimeout = 5;
 
 // Holds configuration locks for a scope:
