@@ -32,25 +32,38 @@ void log(const char *fmt, ...) noexcept __attribute__((format(printf, 1, 2)));
 
 namespace kemo {
 
-// Holds configuration locks (ErrKLIBFileLock) for a scope:
+// The configuration locks of the process (the lock files under /tmp/lock,
+// selected by KLIB_LOCK_* masks): take(request, timeout) and release(mask)
+// as ErrKLIBFileLock and ErrKLIBFileUnlock describe them; close_all() drops
+// every lock (a child about to run another program).
+namespace locks {
+int take(int request, int timeout) noexcept;
+int release(int mask) noexcept;
+int reset(int mask) noexcept;
+int close_all() noexcept;
+int check_dir() noexcept;
+} // namespace locks
+
+// The one lock object of the library: holds configuration locks for a scope.
 //   ConfigLock lock(KLIB_LOCK_KEMOINFO | KLIB_LOCK_EX);
 //   if (!lock.held()) return fail(-1, ERR_LOCK_FAILED);
-// The release covers the masks of the request (its low four bits are the
-// operation).
+// The release covers the masks of the request unless another release mask
+// is given.  Movable, so that a function can take a lock for its caller.
 class ConfigLock {
 public:
     explicit ConfigLock(int request, int timeout = 5) noexcept
-        : mask_(request & ~0xF), held_(ErrKLIBFileLock(request, timeout) == 0)
+        : ConfigLock(request, request & ~0xF, timeout)
     {
     }
-    ~ConfigLock()
-    {
-        if (held_)
-            ErrKLIBFileUnlock(mask_);
-    }
+    ConfigLock(int request, int release_mask, int timeout) noexcept;
+    ConfigLock(ConfigLock &&other) noexcept;
+    ~ConfigLock();
     ConfigLock(const ConfigLock &) = delete;
     ConfigLock &operator=(const ConfigLock &) = delete;
+    ConfigLock &operator=(ConfigLock &&) = delete;
     bool held() const noexcept { return held_; }
+    // Releases now; false (ERR_UNLOCK_FAILED set) when the release failed.
+    bool release() noexcept;
 
 private:
     int mask_;

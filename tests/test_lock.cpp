@@ -4,6 +4,7 @@
 #include "kemo.h"
 #include "sandbox_fixture.hpp"
 
+#include <grp.h>
 #include <sys/file.h>
 
 #include <filesystem>
@@ -134,7 +135,12 @@ TEST_F(FileLock, SharedLocksAndTheRefusedUpgrade)
     EXPECT_EQ(KLIBErrGet(), ERR_LOCK_FAILED);
     EXPECT_TRUE(other_gets(kemoinfo));
     EXPECT_FALSE(other_gets(pw, LOCK_EX)) << "the shared lock is kept";
+    // Nor as a blocking exclusive request: the other reader would still
+    // read while this process believes it writes alone.
+    EXPECT_EQ(ErrKLIBFileLock(KLIB_LOCK_PW | KLIB_LOCK_EX, 0), -1);
+    EXPECT_EQ(KLIBErrGet(), ERR_LOCK_FAILED);
     ASSERT_EQ(ErrKLIBFileUnlock(KLIB_LOCK_PW), 0);
+    EXPECT_TRUE(other_gets(pw, LOCK_SH)) << "one unlock ends the one shared lock taken";
 
     EXPECT_EQ(ErrKLIBFileLock(KLIB_LOCK_PW | 8, 0), -1) << "unlock is not a lock operation";
     EXPECT_EQ(KLIBErrGet(), ERR_BAD_PARAMETERS);
@@ -175,14 +181,125 @@ TEST_F(FileLock, LockDirectoryAndFilesAreRecreated)
     for (const char *name : names)
         EXPECT_TRUE(S_ISREG(stat_of(std::string("/tmp/lock/lock_") + name).st_mode)) << name;
 
-    // A link planted in /tmp is not taken for the directory.
+    for (const char *name : names)
+        EXPECT_EQ(mode_of(std::string("/tmp/lock/lock_") + name), 0600u) << name;
+
+    // A link planted in /tmp is not taken for the directory: it is replaced
+    // and what it pointed to is left alone.
     ASSERT_EQ(ErrKLIBFileCloseLock(), 0);
     std::filesystem::remove_all("/tmp/lock");
     std::filesystem::create_directory("/tmp/elsewhere");
     std::filesystem::create_directory_symlink("/tmp/elsewhere", "/tmp/lock");
-    EXPECT_EQ(ErrKLIBILockCheckDir(), -1);
-    EXPECT_EQ(KLIBErrGet(), ERR_CREATE_FAILED);
+    EXPECT_EQ(ErrKLIBILockCheckDir(), 0);
+    EXPECT_TRUE(S_ISDIR(stat_of("/tmp/lock").st_mode));
     EXPECT_TRUE(std::filesystem::is_empty("/tmp/elsewhere"));
+}
+
+// What an unprivileged local user can do to the locks of the appliance.
+class LockAttack : public SandboxTest {
+protected:
+    // Runs body as the user nobody in a child; its exit code.
+    template <class Body>
+    static int as_nobody(Body body)
+    {
+        const pid_t pid = ::fork();
+        if (pid == 0) {
+            if (::setgroups(0, nullptr) != 0 || ::setresgid(65534, 65534, 65534) != 0 ||
+                ::setresuid(65534, 65534, 65534) != 0)
+                ::_exit(99);
+            ::_exit(body());
+        }
+        int status = 0;
+        ::waitpid(pid, &status, 0);
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
+};
+
+TEST_F(LockAttack, AnOpenableLockFileCannotBeHeldByAnotherUser)
+{
+    // A lock file any user could open (as older releases made them).
+    ASSERT_EQ(ErrKLIBILockCheckDir(), 0);
+    ASSERT_EQ(::chmod(pw, 0644), 0);
+    int ready[2], hold[2];
+    ASSERT_EQ(::pipe(ready), 0);
+    ASSERT_EQ(::pipe(hold), 0);
+    const pid_t holder = ::fork();
+    if (holder == 0) {
+        ::close(hold[1]);
+        ::setgroups(0, nullptr);
+        if (::setresgid(65534, 65534, 65534) != 0 || ::setresuid(65534, 65534, 65534) != 0)
+            ::_exit(99);
+        const int fd = ::open(pw, O_RDONLY);
+        const char got = fd >= 0 && ::flock(fd, LOCK_EX) == 0 ? 'y' : 'n';
+        if (::write(ready[1], &got, 1) != 1)
+            ::_exit(2);
+        char c;
+        while (::read(hold[0], &c, 1) < 0 && errno == EINTR) {
+        }
+        ::_exit(0);
+    }
+    ::close(hold[0]);
+    ::close(ready[1]);
+    struct Reap {
+        int fd;
+        pid_t pid;
+        ~Reap()
+        {
+            ::close(fd);
+            ::waitpid(pid, nullptr, 0);
+        }
+    } reap{hold[1], holder};
+    char got = 'n';
+    ASSERT_EQ(::read(ready[0], &got, 1), 1);
+    ASSERT_EQ(got, 'y') << "the attacker holds the old lock file";
+
+    // The appliance still gets its lock, on a file only root can open.
+    EXPECT_EQ(ErrKLIBFileLock(KLIB_LOCK_PW | KLIB_LOCK_EX | KLIB_LOCK_NB, 1), 0);
+    const struct stat st = stat_of(pw);
+    EXPECT_EQ(st.st_mode & 07777, 0600u);
+    EXPECT_EQ(st.st_uid, 0u);
+    EXPECT_EQ(as_nobody([] { return ::open(pw, O_RDONLY) < 0 && errno == EACCES ? 0 : 1; }), 0);
+}
+
+TEST_F(LockAttack, ADirectoryOwnedByAnotherUserIsNeverUsed)
+{
+    std::filesystem::remove_all("/tmp/lock");
+    ASSERT_EQ(as_nobody([] { return ::mkdir("/tmp/lock", 0777) == 0 && ::chmod("/tmp/lock", 0777) == 0 ? 0 : 1; }),
+              0);
+    ASSERT_EQ(stat_of("/tmp/lock").st_uid, 65534u);
+
+    ASSERT_EQ(ErrKLIBFileLock(KLIB_LOCK_PW | KLIB_LOCK_GR | KLIB_LOCK_EX, 0), 0);
+    const struct stat dir = stat_of("/tmp/lock");
+    EXPECT_TRUE(S_ISDIR(dir.st_mode));
+    EXPECT_EQ(dir.st_uid, 0u);
+    EXPECT_EQ(dir.st_mode & 07777, 0755u);
+    // The attacker can neither delete a lock file nor put one of its own.
+    EXPECT_EQ(as_nobody([] { return ::unlink(pw) < 0 && errno == EACCES ? 0 : 1; }), 0);
+    EXPECT_EQ(as_nobody([] {
+                  return ::open("/tmp/lock/lock_smb", O_WRONLY | O_CREAT, 0666) < 0 ? 0 : 1;
+              }),
+              0);
+    EXPECT_FALSE(other_gets(pw));
+}
+
+TEST_F(LockAttack, PlantedLockFilesAreReplaced)
+{
+    ASSERT_EQ(ErrKLIBILockCheckDir(), 0);
+    // A FIFO would hang an open for reading; a link would lead elsewhere.
+    ::unlink(pw);
+    ASSERT_EQ(::mkfifo(pw, 0666), 0);
+    ::unlink("/tmp/lock/lock_gr");
+    write_file("/tmp/target", "keep\n", 0644);
+    ASSERT_EQ(::symlink("/tmp/target", "/tmp/lock/lock_gr"), 0);
+    ASSERT_EQ(::chown("/tmp/lock/lock_smb", 65534, 65534), 0);
+
+    EXPECT_EQ(ErrKLIBFileLock(KLIB_LOCK_PW | KLIB_LOCK_GR | KLIB_LOCK_SMB | KLIB_LOCK_EX | KLIB_LOCK_NB, 0), 0);
+    for (const char *path : {pw, "/tmp/lock/lock_gr", "/tmp/lock/lock_smb"}) {
+        const struct stat st = stat_of(path);
+        EXPECT_TRUE(S_ISREG(st.st_mode)) << path;
+        EXPECT_EQ(st.st_uid, 0u) << path;
+    }
+    EXPECT_EQ(read_file("/tmp/target"), "keep\n");
 }
 
 TEST_F(FileLock, ExclusiveLockByPath)
@@ -193,7 +310,7 @@ TEST_F(FileLock, ExclusiveLockByPath)
     const int fd = GetExclusiveFileLock(path, &timeout);
     ::umask(old_mask);
     ASSERT_GE(fd, 0);
-    EXPECT_EQ(mode_of(path), 0644u);
+    EXPECT_EQ(mode_of(path), 0600u) << "a lock file the library makes is root's alone";
     EXPECT_FALSE(other_gets(path));
     EXPECT_EQ(::fcntl(fd, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
 
@@ -222,6 +339,14 @@ TEST_F(FileLock, ExclusiveLockByPath)
     EXPECT_EQ(GetExclusiveFileLock(path, nullptr), -1);
     timeout = 0;
     EXPECT_EQ(GetExclusiveFileLock("/tmp/no/such/dir/x.lock", &timeout), -1);
+    EXPECT_EQ(KLIBErrGet(), ERR_OPEN_FAILED);
+
+    // Never through a link planted at the name, never on a FIFO.
+    write_file("/tmp/victim", "data\n", 0644);
+    ASSERT_EQ(::symlink("/tmp/victim", "/tmp/link.lock"), 0);
+    EXPECT_EQ(GetExclusiveFileLock("/tmp/link.lock", &timeout), -1);
+    ASSERT_EQ(::mkfifo("/tmp/fifo.lock", 0666), 0);
+    EXPECT_EQ(GetExclusiveFileLock("/tmp/fifo.lock", &timeout), -1);
     EXPECT_EQ(KLIBErrGet(), ERR_OPEN_FAILED);
 }
 
