@@ -26,7 +26,13 @@
 // /usr/kemo/etc/smb.conf, the settings lock for every other file.  The
 // account and share commands leave locking to the library.
 //
+// Arguments and lines read from standard input may not hold CR, LF or NUL
+// (a usage error), and "--" ends a command's options, so that a name or
+// value starting with "-" is taken as given.  kemoctl runs no other program:
+// caller text reaches only the library.
+//
 // Exit status: 0 on success, 1 when the library reports a failure (its error
+// name is printed on standard error), 2 on a usage error.
 //
 // The commands live by family: kemoctl_lists.cpp (list, setop, hash),
 // kemoctl_settings.cpp (get, set, unset, sections, section...),
@@ -81,6 +87,10 @@ Parsed parse_args(const Args &args, std::initializer_list<std::pair<std::string_
 {
     Parsed p;
     for (std::size_t i = 0; i < args.size(); ++i) {
+        if (args[i] == "--") {
+            p.words.insert(p.words.end(), args.begin() + i + 1, args.end());
+            break;
+        }
         const auto *option = std::find_if(known.begin(), known.end(),
                                         [&](const auto &k) { return k.first == args[i]; });
         if (option == known.end()) {
@@ -95,6 +105,16 @@ Parsed parse_args(const Args &args, std::initializer_list<std::pair<std::string_
         i += option->second;
     }
     return p;
+}
+
+bool has_line_break(std::string_view text)
+{
+    return text.find_first_of(std::string_view("\r\n\0", 3)) != std::string_view::npos;
+}
+
+std::string line_break_message(std::string_view where)
+{
+    return std::string(where) + " contains CR, LF or NUL, which no name, key or value may hold";
 }
 
 std::optional<std::pair<std::string, std::string>> key_value(std::string_view word)
@@ -270,6 +290,11 @@ int main(int argc, char **argv)
         cmd_help({});
         return 2;
     }
+    // Every argument is a name, key, value, path or number: none may carry
+    // a line break into the files the library writes.
+    for (int i = 1; i < argc; ++i)
+        if (has_line_break(argv[i]))
+            return usage_error(line_break_message("argument " + std::to_string(i)));
     // A command is one word, or a family word and a command word ("user add").
     const std::string_view name = argv[1];
     const std::string_view sub = argc > 2 ? argv[2] : "";

@@ -65,7 +65,9 @@ int usage_error(std::string_view message);
 // ---- Arguments -------------------------------------------------------------
 
 // A command's arguments split into options ("--name" followed by a fixed
-// number of values, in the order given) and the remaining words.
+// number of values, in the order given) and the remaining words.  A "--"
+// ends the options: every argument after it is a word, so that a name or
+// value starting with "-" is never taken for an option.
 struct Parsed {
     std::vector<std::pair<std::string_view, std::vector<std::string_view>>> options;
     std::vector<std::string_view> words;
@@ -73,6 +75,13 @@ struct Parsed {
 };
 
 Parsed parse_args(const Args &args, std::initializer_list<std::pair<std::string_view, std::size_t>> known);
+
+// True when text holds a CR, LF or NUL.  No name, key or value may: in the
+// file it goes to, it would end the line and start one of the caller's.
+bool has_line_break(std::string_view text);
+
+// The usage message for such text; where says which ("argument 3").
+std::string line_break_message(std::string_view where);
 
 // "KEY=VALUE" split at its first "="; nullopt without one.
 std::optional<std::pair<std::string, std::string>> key_value(std::string_view word);
@@ -82,7 +91,8 @@ std::optional<std::pair<std::string, std::string>> key_value(std::string_view wo
 std::optional<uint32_t> parse_u32(std::string_view text, bool hex);
 
 // The first line of standard input without its line end ("\n" or "\r\n");
-// nullopt at the end of the input.
+// nullopt at the end of the input.  The line may still hold a CR or NUL:
+// callers check it with has_line_break.
 std::optional<std::string> stdin_line();
 
 // ---- Output and C views ------------------------------------------------------

@@ -153,6 +153,8 @@ std::string read_user_change(const Parsed &p, UserChange &change)
             change.password = stdin_line();
             if (!change.password)
                 return "no password on standard input";
+            if (has_line_break(*change.password))
+                return line_break_message("the password on standard input");
         } else if (name == "--desc") {
             change.desc = std::string(values[0]);
         } else if (name == "--mail") {
@@ -293,6 +295,8 @@ int cmd_user_password(const Args &args)
         return usage_error(error);
     if (!change.password && !(change.password = stdin_line()))
         return usage_error("no password on standard input");
+    if (has_line_break(*change.password))
+        return usage_error(line_break_message("the password on standard input"));
     const std::string name(p.words[0]);
     const auto stored = stored_user(name);
     if (!stored)
@@ -322,6 +326,8 @@ int cmd_user_add_batch(const Args &args)
         ++number;
         if (text->empty() || (*text)[0] == '#')
             continue;
+        if (has_line_break(*text))
+            return usage_error(line_break_message("line " + std::to_string(number)));
         const auto colon = text->find(':');
         if (colon == std::string::npos)
             return usage_error("line " + std::to_string(number) + ": name:password[:description] expected");
