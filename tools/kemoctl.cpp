@@ -76,6 +76,13 @@ int library_failure(std::string_view what)
     return 1;
 }
 
+int file_failure(std::string_view path, std::string_view message)
+{
+    std::fprintf(stderr, "kemoctl: %.*s: %.*s\n", static_cast<int>(path.size()), path.data(),
+                 static_cast<int>(message.size()), message.data());
+    return 1;
+}
+
 int usage_error(std::string_view message)
 {
     std::fprintf(stderr, "kemoctl: %.*s (try 'kemoctl help')\n", static_cast<int>(message.size()),

@@ -59,6 +59,10 @@ const char *error_name(int code);
 // "kemoctl: WHAT failed: NAME (0xCODE)" on standard error; returns 1.
 int library_failure(std::string_view what);
 
+// "kemoctl: PATH: MESSAGE" on standard error, for what a file lacks or a
+// reader found wrong; returns 1.
+int file_failure(std::string_view path, std::string_view message);
+
 // "kemoctl: MESSAGE (try 'kemoctl help')" on standard error; returns 2.
 int usage_error(std::string_view message);
 

@@ -40,10 +40,8 @@ int cmd_get(const Args &args)
     const std::string path(p.words[0]), key(p.words[1]);
     const int flags = p.options.empty() ? 0 : 1;
     const int size = KLIBFileGetKeyValue(path.c_str(), key.c_str(), nullptr, 0, flags);
-    if (size == 0 && KLIBErrGet() == ERR_KEY_NOT_FOUND) {
-        std::fprintf(stderr, "kemoctl: %s: no value for %s\n", path.c_str(), key.c_str());
-        return 1;
-    }
+    if (size == 0 && KLIBErrGet() == ERR_KEY_NOT_FOUND)
+        return file_failure(path, "no value for " + key);
     std::vector<char> value(size > 0 ? static_cast<std::size_t>(size) : 1);
     if (size <= 0 || KLIBFileGetKeyValue(path.c_str(), key.c_str(), value.data(), size, flags) <= 0)
         return library_failure("reading " + path);
@@ -92,10 +90,8 @@ int cmd_section(const Args &args)
     HashPtr hash(PshKLIBSzHashAlloc(0));
     if (!hash || growing(hash, [&](PKLIBSZHASH *h) { return KLIBFileGetSection(path.c_str(), name.c_str(), h); }) < 0)
         return library_failure("reading " + path);
-    if (KLIBSzHashPairNum(hash.get()) == 0) {
-        std::fprintf(stderr, "kemoctl: %s: no section [%s] (or it is empty)\n", path.c_str(), name.c_str());
-        return 1;
-    }
+    if (KLIBSzHashPairNum(hash.get()) == 0)
+        return file_failure(path, "no section [" + name + "] (or it is empty)");
     // Sorted by key, so that the output does not depend on hash slots.
     std::vector<std::pair<std::string, std::string>> pairs;
     for (int i = 0; i < hash->nSlot; ++i)
@@ -137,11 +133,7 @@ int cmd_section_remove(const Args &args)
     const int found = locked(path, [&] { return ErrKLIBFileRemoveSection(path.c_str(), name.c_str()); });
     if (found < 0)
         return library_failure("removing section " + name);
-    if (found == 0) {
-        std::fprintf(stderr, "kemoctl: %s: no section [%s]\n", path.c_str(), name.c_str());
-        return 1;
-    }
-    return 0;
+    return found == 0 ? file_failure(path, "no section [" + name + "]") : 0;
 }
 
 } // namespace kemoctl

@@ -272,20 +272,14 @@ int cmd_backup_list(const Args &args)
         return usage_error("backup list needs FILE");
     const std::string path(args[0]);
     const BackupContents contents = read_backup(path);
-    if (contents.sections.empty() && !contents.error.empty()) {
-        std::fprintf(stderr, "kemoctl: %s: %s\n", path.c_str(), contents.error.c_str());
-        return 1;
-    }
+    if (contents.sections.empty() && !contents.error.empty())
+        return file_failure(path, contents.error);
     std::printf("mask 0x%X, %zu section(s)\n", contents.mask, contents.sections.size());
     for (const auto &[id, size] : contents.sections) {
         const KEMOSYSBKPROUTINE *entry = backup_entry(id);
         std::printf("  0x%08X  %-24s %6u bytes\n", id, entry != nullptr ? entry->szDesc : "(unknown)", size);
     }
-    if (!contents.error.empty()) {
-        std::fprintf(stderr, "kemoctl: %s: %s\n", path.c_str(), contents.error.c_str());
-        return 1;
-    }
-    return 0;
+    return contents.error.empty() ? 0 : file_failure(path, contents.error);
 }
 
 int cmd_hostname(const Args &args)
