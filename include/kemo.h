@@ -734,12 +734,19 @@ KEMO_API int KLIBFileAddLine(const char *path, const char *pattern, const char *
 #define KLIB_LOCK_EX 2
 #define KLIB_LOCK_NB 4
 
-/* Makes sure /tmp/lock/ and every lock file exist.  0, or -1 with
- * ERR_CREATE_FAILED / ERR_OPEN_FAILED. */
+/* Makes sure /tmp/lock/ is a directory of root's (mode 0755, no group or
+ * other write) and every lock file a regular file of root's, mode 0600.
+ * Anything else at those names (a link, a FIFO, another user's directory
+ * or file, a lock file others may open) is moved away and replaced, never
+ * used; only root can make these repairs.  0, or -1 with ERR_LOCK_FAILED
+ * (the directory cannot be made trustworthy; logged) / ERR_OPEN_FAILED. */
 KEMO_API int ErrKLIBILockCheckDir(void);
 /* Takes the locks of request (masks | operation); timeout in seconds, 0 a
- * single attempt.  Locks nest.  0, or -1 with ERR_LOCK_FAILED (nothing of
- * this request is then held). */
+ * single attempt.  Locks nest; a lock this process holds shared is never
+ * made exclusive by nesting (the request fails, blocking or not).  Lock
+ * files are checked as ErrKLIBILockCheckDir describes before flock.  0, or
+ * -1 with ERR_LOCK_FAILED (nothing of this request is then held) or
+ * ERR_BAD_PARAMETERS for an operation that is not shared or exclusive. */
 KEMO_API int ErrKLIBFileLock(int request, int timeout);
 /* Releases one nesting level of each held lock in mask.  0, or -1. */
 KEMO_API int ErrKLIBFileUnlock(int mask);
@@ -747,7 +754,8 @@ KEMO_API int ErrKLIBFileUnlock(int mask);
 KEMO_API int ErrKLIBFileResetLock(int mask);
 /* Releases every lock of the process.  0, or -1. */
 KEMO_API int ErrKLIBFileCloseLock(void);
-/* Opens path (created when absent) holding an exclusive lock, retrying
+/* Opens path (created mode 0600 when absent; never through a symbolic link,
+ * never anything but a regular file) holding an exclusive lock, retrying
  * every 200 ms while *timeoutMs (lowered as it goes) is not negative.  The
  * descriptor; -2 with ERR_LOCK_FAILED on timeout; -1 with ERR_OPEN_FAILED
  * or ERR_BAD_PARAMETERS. */
