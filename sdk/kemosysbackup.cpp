@@ -145,6 +145,8 @@ public:
     Fd(const Fd &) = delete;
     Fd &operator=(const Fd &) = delete;
     int get() const noexcept { return fd_; }
+    // Gives the descriptor up without closing it.
+    int release() noexcept { return std::exchange(fd_, -1); }
     // Closes now; false when close reported an error.
     bool close() noexcept
     {
@@ -530,9 +532,32 @@ int import_settings(const char *fn, int fd, uint32_t version, int apply,
 
 // ------------------------------------------------------------ drivers
 
+// Opens the export target, empty and private (mode & 0600: the file holds
+// password hashes).  A new file is created; an existing one is reused only
+// when the opened descriptor shows a regular file of the caller's with no
+// other name, so a name planted by another user (a link, a FIFO, a file
+// of theirs, a second name of a private file) is never written through.
+// The descriptor, or -1 with errno set.
+int open_target(const char *path, unsigned int mode)
+{
+    Fd out(::open(path, O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600));
+    if (out.get() < 0)
+        return -1;
+    struct stat st;
+    if (::fstat(out.get(), &st) != 0)
+        return -1;
+    if (!S_ISREG(st.st_mode) || st.st_uid != ::geteuid() || st.st_nlink != 1) {
+        errno = EPERM;
+        return -1;
+    }
+    if (::ftruncate(out.get(), 0) != 0 || ::fchmod(out.get(), mode & 0600) != 0)
+        return -1;
+    return out.release();
+}
+
 int export_file(const char *fn, const char *path, uint32_t mask, unsigned int mode)
 {
-    Fd out(::open(path, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, mode));
+    Fd out(open_target(path, mode));
     if (out.get() < 0) {
         BKP_LOG(fn, "fail to open %s(%d)", path, errno);
         return -1;
@@ -690,6 +715,28 @@ bool import_sections(const char *fn, int in, int scratch, uint32_t mask, int app
     return restored;
 }
 
+// The scratch copy of the section bodies has a fixed name in a directory
+// every user may write to.  Whatever stands there (a link, a FIFO, another
+// user's file that they keep open) is removed, and the file is created
+// anew, private and exclusively, never through a link.  The descriptor, or
+// -1 with errno set.
+int open_scratch()
+{
+    if (::unlink(kScratch) != 0 && errno != ENOENT)
+        return -1;
+    return ::open(kScratch, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+}
+
+// Removes the scratch name when it still names the open scratch file.
+bool remove_scratch(int scratch)
+{
+    struct stat held, named;
+    if (::fstat(scratch, &held) != 0 || ::lstat(kScratch, &named) != 0 ||
+        held.st_dev != named.st_dev || held.st_ino != named.st_ino)
+        return false;
+    return ::unlink(kScratch) == 0;
+}
+
 int import_file(const char *fn, const char *path, uint32_t mask, int apply)
 {
     Fd in(::open(path, O_RDONLY | O_CLOEXEC));
@@ -697,7 +744,7 @@ int import_file(const char *fn, const char *path, uint32_t mask, int apply)
         BKP_LOG(fn, "fail to open import file [%s], errno = %d ", path, errno);
         return -1;
     }
-    Fd scratch(::open(kScratch, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+    Fd scratch(open_scratch());
     if (scratch.get() < 0) {
         BKP_LOG(fn, "fail to open handle file [%s], errno = %d ", kScratch, errno);
         return -1;
@@ -707,8 +754,8 @@ int import_file(const char *fn, const char *path, uint32_t mask, int apply)
     if (ErrNetServiceStop() < 0) {
         BKP_LOG(fn, "failed to stop net service");
         in.close();
+        remove_scratch(scratch.get());
         scratch.close();
-        ::unlink(kScratch);
         if (ErrNetServiceStart() < 0)
             BKP_LOG(fn, "failed to start net service");
         return -1;
@@ -720,9 +767,9 @@ int import_file(const char *fn, const char *path, uint32_t mask, int apply)
     if ((mask & kFinishId) != 0)
         KEMOSysbkpFinishImport(scratch.get(), kVersion, apply);
     in.close();
+    if (!remove_scratch(scratch.get()))
+        kemo::log("unlink %s failed", kScratch);
     scratch.close();
-    if (::unlink(kScratch) != 0)
-        ::syslog(LOG_ERR, "unlink %s failed", kScratch);
     if (ErrNetServiceStart() < 0) {
         BKP_LOG(fn, "failed to start net service");
         ok = false;
