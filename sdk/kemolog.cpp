@@ -1,7 +1,8 @@
-// The event logs: fixed-size ring files of binary records under /var/log,
-// their paths and size limits in /etc/kemolog.conf, and the text form of a
-// log in the reader's language.  (The list of current connections that
-// KEMOLogGet gives lives in sdk/kemoconn.cpp.)
+// The event logs' ring files and their writer.  The reader and
+// compaction are in sdk/kemologread.cpp, event texts in
+// sdk/kemologtext.cpp, the configuration file in sdk/kemologconf.cpp, and
+// the list of current connections that KEMOLogGet gives in
+// sdk/kemoconn.cpp.
 //
 // Ring file, every integer big-endian (put_u16/put_u32/get_u16/get_u32):
 //   0 "KEMO", 4 reserved, 8 u32 head (oldest record), 12 u32 tail (where
@@ -20,10 +21,8 @@
 // = 16) when the header's head or tail lies outside the record area or the
 // log is empty; a broken chain met while freeing room in front of the head
 // aborts the write with -1 (the reader's repair makes the next write work).
-#include "kemo_conn.hpp"
-#include "kemo_internal.hpp"
 #include "kemo_io.hpp"
-#include "kemo_process.hpp"
+#include "kemo_log.hpp"
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -32,174 +31,22 @@
 
 #include <algorithm>
 #include <array>
-#include <cctype>
 #include <cerrno>
-#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <limits>
-#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <thread>
-#include <utility>
-#include <vector>
 
 extern "C" {
 KEMO_API int32_t glogsizeMax = 65536;
-KEMO_API PKLIBSZHASH gpshEvent = nullptr;
 }
 
-namespace {
-
-using kemo::fail;
-
-constexpr uint32_t kArea = 16;       // first byte of the record area
-constexpr uint32_t kNone = 0xFFFFFFFF; // head or tail that could not be read
-constexpr int64_t kFixed = 24;       // record bytes before the texts
-constexpr int kTries = 10;           // opens and locks: 10 tries a second apart
-constexpr char kConf[] = "/etc/kemolog.conf";
-constexpr char kTexts[] = "/usr/kemo/kemosdk/texts/";
-constexpr char kTypeSection[] = "11000000";
-constexpr int kEventCacheSize = 2048;
-
-// ------------------------------------------------------------ byte order
-
-void put_u16(unsigned char *p, uint16_t v)
-{
-    p[0] = static_cast<unsigned char>(v >> 8);
-    p[1] = static_cast<unsigned char>(v);
-}
-
-void put_u32(unsigned char *p, uint32_t v)
-{
-    put_u16(p, static_cast<uint16_t>(v >> 16));
-    put_u16(p + 2, static_cast<uint16_t>(v));
-}
-
-uint16_t get_u16(const unsigned char *p) { return static_cast<uint16_t>(p[0] << 8 | p[1]); }
-
-uint32_t get_u32(const unsigned char *p)
-{
-    return static_cast<uint32_t>(get_u16(p)) << 16 | get_u16(p + 2);
-}
-
-// ------------------------------------------------------------ classes
-
-struct LogClass {
-    const char *file_key;
-    const char *default_file;
-    const char *size_key;
-    int32_t default_size; // the size of a first write, before the file exists
-};
-
-constexpr LogClass kSystem{"syslogfile", "/var/log/kemosys.log", "syslogfilesize_MAX", 131072};
-constexpr LogClass kManage{"manlogfile", "/var/log/kemoman1.log", "manlogfilesize_MAX", 131072};
-constexpr LogClass kConnect{"connlogfile", "/var/log/kemoconn.log", "connlogfilesize_MAX", 65536};
-constexpr LogClass kBackup{"bkplogfile", "/var/log/kemobackup.log", "bkplogfilesize_MAX", 65536};
-constexpr LogClass kCopy{"copylogfile", "/var/log/kemocopy.log", "copylogfilesize_MAX", 65536};
-constexpr LogClass kNetBackup{"netbkplogfile", "/var/log/kemonetbkp.log", "netbkplogfilesize_MAX",
-                              65536};
-
-// The class's own file and size key (readers, size changes); null for
-// class 4, 0 and 8 and above.
-const LogClass *class_of(long long log_class)
-{
-    switch (log_class) {
-    case 1: return &kSystem;
-    case 2: return &kManage;
-    case 3: return &kConnect;
-    case 5: return &kBackup;
-    case 6: return &kCopy;
-    case 7: return &kNetBackup;
-    default: return nullptr;
-    }
-}
-
-// The value of key in /etc/kemolog.conf if it is there and fits a buffer
-// of `room` bytes (NUL included), as the file paths (32) and sizes (11)
-// are read.
-std::optional<std::string> conf_value(const char *key, int room)
-{
-    std::string buf(static_cast<std::size_t>(room), '\0');
-    if (KLIBFileGetKeyValue(kConf, key, buf.data(), room, 0) <= 0)
-        return std::nullopt;
-    buf.resize(std::strlen(buf.c_str()));
-    return buf;
-}
-
-std::string file_of(const LogClass &c)
-{
-    auto file = conf_value(c.file_key, 32);
-    return file ? std::move(*file) : std::string(c.default_file);
-}
-
-// The size key as a number; a missing, unparsable or non-positive value
-// counts as absent (a size of 0 would empty the log on every write).
-std::optional<int32_t> size_of(const LogClass &c)
-{
-    const auto text = conf_value(c.size_key, 11);
-    if (!text)
-        return std::nullopt;
-    const long size = std::strtol(text->c_str(), nullptr, 10);
-    if (size <= 0 || size > INT32_MAX)
-        return std::nullopt;
-    return static_cast<int32_t>(size);
-}
-
-bool file_exists(const char *path)
-{
-    struct stat st;
-    return ::stat(path, &st) == 0;
-}
-
-// ------------------------------------------------------------ descriptors
-
-class Fd {
-public:
-    Fd() = default;
-    explicit Fd(int fd) : fd_(fd) {}
-    ~Fd() { reset(); }
-    Fd(Fd &&other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-    Fd &operator=(Fd &&other) noexcept
-    {
-        if (this != &other) {
-            reset();
-            fd_ = std::exchange(other.fd_, -1);
-        }
-        return *this;
-    }
-    Fd(const Fd &) = delete;
-    Fd &operator=(const Fd &) = delete;
-    int get() const noexcept { return fd_; }
-    explicit operator bool() const noexcept { return fd_ >= 0; }
-    void reset() noexcept
-    {
-        if (fd_ >= 0)
-            ::close(fd_);
-        fd_ = -1;
-    }
-
-private:
-    int fd_ = -1;
-};
-
-// Runs attempt up to kTries times, a second apart, until it succeeds.
-template <class Attempt>
-bool retrying(Attempt &&attempt)
-{
-    for (int i = 0; i < kTries; ++i) {
-        if (attempt())
-            return true;
-        if (i + 1 < kTries)
-            std::this_thread::sleep_for(std::chrono::seconds(1));
-    }
-    return false;
-}
+namespace kemo::eventlog {
 
 // Opens path, retrying; a file that is not there (and is not to be
 // created) is not waited for.
@@ -223,21 +70,6 @@ bool still_at(int fd, const char *path, struct stat &held)
     return ::fstat(fd, &held) == 0 && ::stat(path, &named) == 0 && held.st_dev == named.st_dev &&
            held.st_ino == named.st_ino;
 }
-
-// An open log, whether its exclusive flock is held, and its status when
-// it was opened.
-struct Log {
-    Fd fd;
-    bool locked = false;
-    struct stat st {};
-    ~Log()
-    {
-        if (fd && locked)
-            ::flock(fd.get(), LOCK_UN);
-    }
-    Log() = default;
-    Log(Log &&) = default;
-};
 
 // Opens the log and takes its lock (both retried); opens again when the
 // file was replaced while waiting for the lock.
@@ -263,6 +95,13 @@ Log open_log(const char *path, int flags)
         log.st.st_size = std::numeric_limits<off_t>::max();
     return log;
 }
+
+} // namespace kemo::eventlog
+
+namespace {
+
+using kemo::fail;
+using namespace kemo::eventlog;
 
 // Positional writes and reads: the file position is left alone.
 bool write_at(int fd, uint32_t offset, const void *data, int count)
@@ -461,387 +300,6 @@ int append_event(const char *path, uint32_t type, uint32_t event_id,
     return result;
 }
 
-// ------------------------------------------------------------ walking a log
-
-// A record of a log held in memory: its offset and length.
-struct Span {
-    uint32_t offset;
-    uint16_t length;
-};
-
-struct Walk {
-    std::vector<Span> records; // oldest first
-    uint32_t end = kArea;      // after the last record of the pass that ends at the tail
-    bool format_error = false; // a length of 1 was met
-};
-
-// The records from head to tail in order: from head to the end marker
-// (or the file's end) and from 16 to the tail when the log has wrapped.
-// A pass stops at a zero length, a length of 1, a record cut short by the
-// file's end, or one that would run past the tail.
-Walk walk_log(std::string_view file, uint32_t stored_head, uint32_t stored_tail)
-{
-    Walk walk;
-    const uint64_t size = file.size();
-    const uint64_t head = std::max(stored_head, kArea);
-    const uint64_t tail = std::max(stored_tail, kArea);
-    const auto *bytes = reinterpret_cast<const unsigned char *>(file.data());
-    const auto pass = [&](uint64_t pos, std::optional<uint64_t> until) {
-        while (!until || pos < *until) {
-            if (pos + 2 > size)
-                break;
-            const uint16_t n = get_u16(bytes + pos);
-            if (n == 0)
-                break;
-            if (n < 2) {
-                walk.format_error = true;
-                break;
-            }
-            if (pos + n > size || (until && pos + n > *until))
-                break;
-            walk.records.push_back({static_cast<uint32_t>(pos), n});
-            pos += n;
-        }
-        return static_cast<uint32_t>(std::min<uint64_t>(pos, UINT32_MAX));
-    };
-    if (head <= tail) {
-        walk.end = pass(head, tail);
-    } else {
-        pass(head, std::nullopt);
-        walk.end = tail == kArea ? kArea : pass(kArea, tail);
-    }
-    return walk;
-}
-
-// The whole content of an open file; nullopt when it cannot be read.
-std::optional<std::string> slurp(int fd)
-{
-    struct stat st;
-    if (::fstat(fd, &st) != 0)
-        return std::nullopt;
-    std::string data(static_cast<std::size_t>(st.st_size), '\0');
-    std::size_t done = 0;
-    while (done < data.size()) {
-        const ssize_t n = ::pread(fd, data.data() + done, data.size() - done, static_cast<off_t>(done));
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            break;
-        done += static_cast<std::size_t>(n);
-    }
-    data.resize(done);
-    return data;
-}
-
-// ------------------------------------------------------------ event texts
-
-bool valid_language(std::string_view language)
-{
-    if (language.empty() || language.size() > 32)
-        return false;
-    return std::all_of(language.begin(), language.end(), [](char c) {
-        return std::isalnum(static_cast<unsigned char>(c)) || c == '_' || c == '-';
-    });
-}
-
-std::string events_path(std::string_view language)
-{
-    return std::string(kTexts) + std::string(language) + "/events";
-}
-
-std::string hex_id(uint32_t id)
-{
-    char text[12];
-    std::snprintf(text, sizeof text, "%X", id);
-    return text;
-}
-
-// Frees a temporary hash.
-struct HashFree {
-    void operator()(PKLIBSZHASH h) const noexcept { KLIBSzHashFree(h); }
-};
-using HashPtr = std::unique_ptr<KLIBSZHASH, HashFree>;
-
-// The catalogue text of event_id, through the process-wide cache; null for
-// an unknown event (which is cached empty, so the file is not read for it
-// again).
-const char *event_text(uint32_t event_id, std::string_view language)
-{
-    const std::string key = hex_id(event_id);
-    if (gpshEvent == nullptr) {
-        gpshEvent = PshKLIBSzHashAlloc(kEventCacheSize);
-        if (gpshEvent == nullptr) {
-            KEMO_LOG("malloc event hash failed");
-            return nullptr;
-        }
-    } else if (const char *cached = SzKLIBSzHashGetValue(gpshEvent, key.c_str())) {
-        return *cached != '\0' ? cached : nullptr;
-    }
-    const std::string section = hex_id(event_id & ~0xFFFFFu);
-    const std::string path = events_path(language);
-    HashPtr loaded(PshKLIBSzHashAlloc(kEventCacheSize));
-    if (!loaded)
-        return nullptr;
-    PKLIBSZHASH raw = loaded.release();
-    const int pairs = KLIBFileGetSection(path.c_str(), section.c_str(), &raw);
-    loaded.reset(raw);
-    if (pairs <= 0) {
-        KEMO_LOG("section %s not found in %s", section.c_str(), path.c_str());
-        // A catalogue without the section does not know the event; a
-        // catalogue that cannot be read may appear later.
-        if (pairs == 0)
-            KLIBSzHashSetValue(&gpshEvent, key.c_str(), "");
-        return nullptr;
-    }
-    for (int i = 0; i < raw->nSlot; ++i) {
-        const KLIBSZHASHSLOT &slot = raw->rgSlot[i];
-        if (slot.pszKey != nullptr && KLIBSzHashSetValue(&gpshEvent, slot.pszKey, slot.pszValue) < 0)
-            return nullptr;
-    }
-    const char *text = SzKLIBSzHashGetValue(gpshEvent, key.c_str());
-    if (text == nullptr) {
-        KLIBSzHashSetValue(&gpshEvent, key.c_str(), "");
-        KEMO_LOG("event %s not found in %s", key.c_str(), section.c_str());
-        return nullptr;
-    }
-    return *text != '\0' ? text : nullptr;
-}
-
-// The text with "@1".."@4" replaced by the arguments that are not empty.
-// One pass over the catalogue text: a placeholder inside an argument stays
-// as it is.
-std::string fill_placeholders(std::string_view text, const std::array<std::string_view, 4> &args)
-{
-    std::string out;
-    out.reserve(text.size() + args[0].size() + args[1].size() + args[2].size() + args[3].size());
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        if (text[i] == '@' && i + 1 < text.size() && text[i + 1] >= '1' && text[i + 1] <= '4' &&
-            !args[static_cast<std::size_t>(text[i + 1] - '1')].empty()) {
-            out += args[static_cast<std::size_t>(text[i + 1] - '1')];
-            ++i;
-        } else {
-            out += text[i];
-        }
-    }
-    return out;
-}
-
-// "11000001".."11000003" for the types 1..3, "11000000" for the rest.
-std::string type_key(int type)
-{
-    return type >= 1 && type <= 3 ? "1100000" + std::to_string(type) : kTypeSection;
-}
-
-std::string type_name(int type, std::string_view language)
-{
-    std::string name = "Unknown";
-    HashPtr names(PshKLIBSzHashAlloc(512));
-    if (!names)
-        return name;
-    PKLIBSZHASH raw = names.release();
-    KLIBFileGetSection(events_path(language).c_str(), kTypeSection, &raw);
-    names.reset(raw);
-    if (const char *value = SzKLIBSzHashGetValue(raw, type_key(type).c_str()))
-        name = value;
-    return name;
-}
-
-// Type names already looked up by one reading of a log.
-struct TypeNames {
-    std::map<std::string, std::string> by_key;
-    const std::string &get(int type, std::string_view language)
-    {
-        const std::string key = type_key(type);
-        auto it = by_key.find(key);
-        if (it == by_key.end())
-            it = by_key.emplace(key, type_name(type, language)).first;
-        return it->second;
-    }
-};
-
-// Reads fields of a record body in order, never past its end.
-class Fields {
-public:
-    Fields(const unsigned char *body, int size) : at_(body), left_(size) {}
-    bool u16(uint16_t &v) { return take(2) && (v = get_u16(at_ - 2), true); }
-    bool u32(uint32_t &v) { return take(4) && (v = get_u32(at_ - 4), true); }
-    bool text(uint16_t n, std::string &v)
-    {
-        return take(n) && (v.assign(reinterpret_cast<const char *>(at_ - n), n), true);
-    }
-
-private:
-    bool take(int n)
-    {
-        if (left_ - n < 0)
-            return false;
-        left_ -= n;
-        at_ += n;
-        return true;
-    }
-    const unsigned char *at_;
-    int left_;
-};
-
-enum class Spread { printed, unknown, truncated, failed };
-
-// Prints the text line of one record body; nothing for a truncated body or
-// an unknown event.
-Spread spread(FILE *out, const unsigned char *body, int size, const char *language, TypeNames &types)
-{
-    Fields f(body, size);
-    uint16_t type = 0, lengths[6] = {};
-    uint32_t when = 0, event_id = 0;
-    std::string texts[6]; // source, user, arguments 1-4
-    if (!f.u16(type) || !f.u32(when) || !f.u16(lengths[0]) || !f.u16(lengths[1]) || !f.u32(event_id))
-        return Spread::truncated;
-    for (int i = 2; i < 6; ++i)
-        if (!f.u16(lengths[i]))
-            return Spread::truncated;
-    for (int i = 0; i < 6; ++i)
-        if (!f.text(lengths[i], texts[i]))
-            return Spread::truncated;
-    const std::string id = hex_id(event_id);
-    const char *text = event_text(event_id, language);
-    if (text == nullptr) {
-        KEMO_LOG("Can not get the log szEvent id = %s, szLang = %s, szArg1 = [%s], szArg2 = [%s], "
-                 "szArg3 = [%s], szArg4 = [%s], szSource = %s",
-                 id.c_str(), language, texts[2].c_str(), texts[3].c_str(), texts[4].c_str(),
-                 texts[5].c_str(), texts[0].c_str());
-        return Spread::unknown;
-    }
-    const std::string sentence = fill_placeholders(text, {texts[2], texts[3], texts[4], texts[5]});
-    const int printed =
-        std::fprintf(out, "%d\t%s\t%s\t%s\t%s\t%s\n", static_cast<int>(type),
-                     types.get(type & 0xFF, language).c_str(), KEMOLogConvertTime1(when),
-                     texts[0].c_str(), texts[1].c_str(), sentence.c_str());
-    return printed < 0 ? Spread::failed : Spread::printed;
-}
-
-int read_log(const char *log_path, const char *out_path, const char *language)
-{
-    if (!file_exists(log_path)) {
-        KEMO_LOG("Kemora log file %s not exist", log_path);
-        return fail(-1, ERR_FILE_NOT_FOUND);
-    }
-    kemo::FilePtr out = kemo::open_file(out_path, "w+");
-    if (!out) {
-        const int error = errno;
-        KEMO_LOG("output log file open failed [%d].\n", error);
-        return fail(-1, ERR_OPEN_FAILED);
-    }
-    Log log = open_log(log_path, O_RDONLY);
-    if (!log.fd) {
-        KEMO_LOG("log file %s open failed", log_path);
-        return fail(-1, ERR_OPEN_FAILED);
-    }
-    if (!log.locked) {
-        KEMO_LOG("log file lock failed");
-        return fail(-1, ERR_LOCK_FAILED);
-    }
-    const auto file = slurp(log.fd.get());
-    if (!file || file->size() < kArea)
-        return fail(-1, ERR_READ_FAILED);
-    const auto *bytes = reinterpret_cast<const unsigned char *>(file->data());
-    const uint32_t tail = get_u32(bytes + 12);
-    const Walk walk = walk_log(*file, get_u32(bytes + 8), tail);
-    if (walk.format_error)
-        KEMO_LOG("Log format error line%d", __LINE__);
-
-    TypeNames types;
-    bool written = true;
-    for (const Span &r : walk.records)
-        written = spread(out.get(), bytes + r.offset + 2, r.length - 2, language, types) != Spread::failed && written;
-    written = std::fflush(out.get()) == 0 && written;
-
-    // A tail past the last complete record (a cut or damaged end) is moved
-    // back to it, under the same lock, so the next write continues there.
-    if (walk.end != tail) {
-        Fd fix(::open(log_path, O_RDWR | O_CLOEXEC));
-        struct stat st;
-        if (fix && still_at(fix.get(), log_path, st) && KEMOLogSetTail(fix.get(), walk.end) == 0)
-            KEMO_LOG("log file %s: tail moved from %u to %u", log_path, tail, walk.end);
-        else
-            KEMO_LOG("log file %s: tail %u could not be moved to %u", log_path, tail, walk.end);
-    }
-    if (!written)
-        return fail(-1, ERR_WRITE_FAILED);
-    return 0;
-}
-
-// ------------------------------------------------------------ size changes
-
-int create_conf_if_missing()
-{
-    if (file_exists(kConf))
-        return 0;
-    if (KEMOSetLogConf() != 0)
-        return -1;
-    KEMO_LOG("logconf file not exist! created one!");
-    return 1;
-}
-
-int compact(int drop, const char *path)
-{
-    Log log = open_log(path, O_RDWR);
-    if (!log.fd) {
-        KEMO_LOG("logfile %s open error while resizing!", path);
-        return fail(-1, ERR_OPEN_FAILED);
-    }
-    if (!log.locked) {
-        KEMO_LOG("log file lock failed");
-        return fail(-1, ERR_LOCK_FAILED);
-    }
-    const auto file = slurp(log.fd.get());
-    if (!file)
-        return fail(-1, ERR_READ_FAILED);
-    // An unreadable header counts as an empty log.
-    uint32_t head = kArea, tail = kArea;
-    if (file->size() >= kArea) {
-        head = get_u32(reinterpret_cast<const unsigned char *>(file->data()) + 8);
-        tail = get_u32(reinterpret_cast<const unsigned char *>(file->data()) + 12);
-    }
-    const Walk walk = walk_log(*file, head, tail);
-    std::size_t first = 0;
-    for (int64_t skipped = 0; first < walk.records.size() && skipped < drop; ++first)
-        skipped += walk.records[first].length;
-
-    std::string fresh(kArea, '\0');
-    for (std::size_t i = first; i < walk.records.size(); ++i)
-        fresh.append(*file, walk.records[i].offset, walk.records[i].length);
-    auto *p = reinterpret_cast<unsigned char *>(fresh.data());
-    std::memcpy(p, "KEMO", 4);
-    put_u32(p + 8, kArea);
-    put_u32(p + 12, static_cast<uint32_t>(fresh.size()));
-
-    // The new log replaces the old one whole (owner and mode kept) while
-    // the old one's lock is held; a failure leaves the old log in place.
-    char twin_path[4096];
-    if (KLIBFileITmpName((std::string(path) + ".").c_str(), twin_path, sizeof twin_path) != 0)
-        return -1;
-    kemo::Twin twin(path, twin_path);
-    if (!twin.open() || !twin.write(fresh) || !twin.commit()) {
-        KEMO_LOG("log file %s could not be compacted", path);
-        return -1;
-    }
-    return 0;
-}
-
-int shrink(int size, long long log_class)
-{
-    const LogClass *c = class_of(log_class);
-    const std::string path = c != nullptr ? file_of(*c) : std::string();
-    struct stat st;
-    if (c == nullptr || ::stat(path.c_str(), &st) != 0) {
-        KEMO_LOG("KEMOLogChangeSize : logfile %s not existed", path.c_str());
-        return 0;
-    }
-    if (st.st_size <= size)
-        return 0;
-    return KEMOLogChangeSize_a(static_cast<int>(std::min<off_t>(st.st_size - size, INT32_MAX)),
-                               path.c_str());
-}
-
 // The user name cached with what it was read from, so that an append does
 // not read /etc/passwd again while it stays the same file.
 struct UserCache {
@@ -899,85 +357,6 @@ KEMO_API int KEMOLogSet1a(const char *path, uint32_t type, uint32_t eventId, con
     if (path == nullptr || *path == '\0')
         return fail(-1, ERR_BAD_PARAMETERS);
     return kemo::edge(-1, [&] { return append_event(path, type, eventId, {arg1, arg2, arg3, arg4}); });
-}
-
-KEMO_API int KEMOLogGet1(uint32_t logClass, const char *outputPath, const char *language)
-{
-    const LogClass *c = class_of(logClass);
-    if (c == nullptr)
-        return fail(-1, ERR_BAD_PARAMETERS);
-    const int result = kemo::edge(-1, [&] {
-        const std::string path = file_of(*c);
-        return KEMOLogGet1a(path.c_str(), outputPath, language);
-    });
-    KLIBSzHashFree(gpshEvent);
-    gpshEvent = nullptr;
-    return result;
-}
-
-KEMO_API int KEMOLogGet1a(const char *logPath, const char *outputPath, const char *language)
-{
-    if (language == nullptr)
-        language = "enu";
-    if (outputPath == nullptr)
-        outputPath = "./output";
-    if (logPath == nullptr || !valid_language(language))
-        return fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] { return read_log(logPath, outputPath, language); });
-}
-
-KEMO_API int KEMOLogSetSize(int size, int logClass)
-{
-    const LogClass *c = logClass == 7 ? nullptr : class_of(logClass);
-    if (c == nullptr || size <= 0)
-        return fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        if (create_conf_if_missing() < 0) {
-            KEMO_LOG("logconf file created error while set size coz the logconf not exist!");
-            return -1;
-        }
-        if (KLIBFileSetKeyValue(kConf, c->size_key, std::to_string(size).c_str(), "%s=\t\"%s\"\n") < 0) {
-            KEMO_LOG("error occured in setkeyvalue in %s.", kConf);
-            return -1;
-        }
-        return KEMOLogChangeSize(size, logClass) == 0 ? 0 : -1;
-    });
-}
-
-KEMO_API int KEMOLogChangeSize(int size, int logClass)
-{
-    if (size < 0)
-        return fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] { return shrink(size, logClass); });
-}
-
-KEMO_API int KEMOLogChangeSize_a(int bytesToDrop, const char *path)
-{
-    if (path == nullptr || *path == '\0' || bytesToDrop < 0)
-        return fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] { return compact(bytesToDrop, path); });
-}
-
-KEMO_API int KEMOSetLogConf(void)
-{
-    return kemo::edge(-1, [] {
-        static constexpr struct {
-            const char *key, *file;
-        } kLines[] = {
-            {"syslogfile", "/var/log/kemosys.log"},     {"manlogfile", "/var/log/kemoman1.log"},
-            {"connlogfile", "/var/log/kemoconn.log"},   {"bkplogfile", "/var/log/kemobackup.log"},
-            {"copylogfile", "/var/log/kemocopy.log"},   {"netbkplogfile", "/var/log/kemonetbkp.log"},
-        };
-        std::string text;
-        for (const auto &line : kLines) {
-            text += std::string(line.key) + "\t=\t\"" + line.file + "\"\n";
-            text += std::string(line.key) + "size_MAX\t=\t\"65536\"\n";
-        }
-        kemo::Twin twin(kConf);
-        if (!twin.open())
-            return fail(-1, ERR_OPEN_FAILED);
-        return twin.write(text) && twin.commit() ? 0 : -1;
-    });
 }
 
 KEMO_API int KEMOLogInit(int fd)
@@ -1100,74 +479,6 @@ KEMO_API char *KEMOLogObtainUser(void)
     if (std::strcmp(user, "root") == 0)
         std::strcpy(user, "admin");
     return user;
-}
-
-KEMO_API char *KEMOLogConvertTime1(int64_t seconds)
-{
-    static char text[32];
-    text[0] = '\0';
-    const time_t when = static_cast<time_t>(seconds);
-    struct tm tm;
-    if (::localtime_r(&when, &tm) != nullptr)
-        std::strftime(text, sizeof text, "%Y/%m/%d %H:%M:%S", &tm);
-    return text;
-}
-
-KEMO_API char *KEMOLogConvertType(int type, const char *language)
-{
-    static char name[256];
-    std::strcpy(name, "Unknown");
-    if (language == nullptr)
-        language = "enu";
-    if (!valid_language(language))
-        return name;
-    kemo::edge_void([&] { std::snprintf(name, sizeof name, "%s", type_name(type, language).c_str()); });
-    return name;
-}
-
-KEMO_API char *KEMOLogConvertEventKey(uint32_t eventId, const char *language, const char *arg1,
-                                      const char *arg2, const char *arg3, const char *arg4)
-{
-    if (language == nullptr)
-        language = "enu";
-    if (!valid_language(language))
-        return fail<char *>(nullptr, ERR_BAD_PARAMETERS);
-    return kemo::edge<char *>(nullptr, [&]() -> char * {
-        const char *text = event_text(eventId, language);
-        if (text == nullptr)
-            return nullptr;
-        const auto arg = [](const char *a) { return std::string_view(a != nullptr ? a : ""); };
-        const std::string sentence = fill_placeholders(text, {arg(arg1), arg(arg2), arg(arg3), arg(arg4)});
-        char *out = static_cast<char *>(std::malloc(sentence.size() + 1));
-        if (out == nullptr)
-            return fail<char *>(nullptr, ERR_OUT_OF_MEMORY);
-        std::memcpy(out, sentence.c_str(), sentence.size() + 1);
-        return out;
-    });
-}
-
-KEMO_API int KEMOLogEventSpread(FILE *out, const unsigned char *body, const char *language, int size)
-{
-    if (language == nullptr)
-        language = "enu";
-    if (out == nullptr || body == nullptr || size < 0 || !valid_language(language))
-        return fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        TypeNames types;
-        switch (spread(out, body, size, language, types)) {
-        case Spread::truncated: return fail(-1, ERR_FORMAT_ERROR);
-        case Spread::failed: return fail(-1, ERR_WRITE_FAILED);
-        default: return 0;
-        }
-    });
-}
-
-KEMO_API int KEMOLogGet(int kind, int sub, PKLIBSZLIST *list, const char *filter)
-{
-    (void)filter;
-    if (kind != 2 || sub != 1 || list == nullptr || *list == nullptr)
-        return fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] { return kemo::connections::current(list); });
 }
 
 } // extern "C"
