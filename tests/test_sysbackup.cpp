@@ -320,6 +320,7 @@ TEST_F(BackupTest, TypedValuesAreCheckedBeforeUse)
     EXPECT_EQ(import(time_section(u32(2) + u32(8) + u32(1) + u32(0)), 0x1, 1), -1);
     // A value with a line end would add a line to the settings file.
     EXPECT_EQ(import(time_section(pairs_body({{"timezone", "UTC\nhostname=evil"}})), 0x1, 1), -1);
+    EXPECT_EQ(import(time_section(pairs_body({{"timezone", "UTC\rhostname=evil"}})), 0x1, 1), -1);
     EXPECT_EQ(setting("timezone"), "Greenwich");
     // Keys of other sections are skipped; the empty text is one NUL.
     EXPECT_EQ(import(time_section(pairs_body({{"hostname", "evil"}, {"ntpdate_server", ""}})),
