@@ -1,14 +1,66 @@
-// Internal helpers of the configuration backup's section writers and
-// readers, shared by the driver's module and the account sections.
+// Internal helpers of the configuration backup, shared by its modules:
+//   sdk/kemosysbackup.cpp       the section registry, export and import drivers
+//   sdk/kemosysbkpformat.cpp    file format: byte order, typed values, section writer
+//   sdk/kemosysbkpsettings.cpp  the host name, web and settings sections
+//   sdk/kemosysbkpacct.cpp      the user, group and share sections
+//
+// File:    "KEMO", u32 category 1, u32 mask, sections in registry order.
+// Section: u32 id, u32 version, u32 body size, body.
+// Body:    typed values: string (1, strlen + 1, text and its NUL) or
+//          long (2, 4, value).  Every integer is a big-endian u32.
 #pragma once
 
 #include "kemo_internal.hpp"
 
+#include <sys/types.h>
+
+#include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 
+// Messages begin with the name of the exported function and the line.
+#define BKP_LOG(fn, fmt, ...) \
+    ::kemo::log("%s(%d): " fmt, fn, __LINE__ __VA_OPT__(, ) __VA_ARGS__)
+
 namespace kemo::sysbackup {
+
+inline constexpr uint32_t kCategory = 1;
+inline constexpr uint32_t kVersion = 1;
+inline constexpr uint32_t kTypeString = 1;
+inline constexpr uint32_t kTypeLong = 2;
+// The interface section has no registry entry (its header carries the
+// common version).
+inline constexpr uint32_t kInterfaceId = 0x4;
+// The finishing registry entry: it writes no bytes.
+inline constexpr uint32_t kFinishId = 0x2000000;
+
+// The one place where the file's byte order is decided.
+inline void put_u32(unsigned char *p, uint32_t v) noexcept
+{
+    p[0] = static_cast<unsigned char>(v >> 24);
+    p[1] = static_cast<unsigned char>(v >> 16);
+    p[2] = static_cast<unsigned char>(v >> 8);
+    p[3] = static_cast<unsigned char>(v);
+}
+
+inline uint32_t get_u32(const unsigned char *p) noexcept
+{
+    return uint32_t{p[0]} << 24 | uint32_t{p[1]} << 16 | uint32_t{p[2]} << 8 | uint32_t{p[3]};
+}
+
+// Writes every byte (retrying short writes and EINTR).
+bool write_all(int fd, const void *data, std::size_t size) noexcept;
+// Reads up to size bytes, stopping early only at the end of the file.  The
+// count read, or -1 on a read error.
+ssize_t read_full(int fd, void *data, std::size_t size) noexcept;
+bool write_u32(int fd, uint32_t v) noexcept;
+bool read_u32(int fd, uint32_t &v) noexcept;
+// Bytes left between the position and the end of a regular file; nullopt
+// for anything else (a pipe has no known end).
+std::optional<long long> remaining(int fd) noexcept;
+
 
 // Writes one section at the current position of fd: its header, the values
 // body() writes, then the patched body size.  fn names the exported

@@ -8,13 +8,17 @@
 //   shares: count, then per share: name, line count, then key and value of
 //           each line in file order
 // An importer reads and checks its whole body before it changes anything;
-// with apply 0 it stops there.
+// with apply 0 it stops there.  A backup file is caller input like any
+// other: a restored share keeps only the keys the appliance writes for a
+// share and must lie on a data volume, and the system's own groups are
+// never redefined by a restore.
 #include "kemo_accounts.hpp"
 #include "kemo_io.hpp"
 #include "kemo_sysbackup.hpp"
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
@@ -255,7 +259,35 @@ int export_groups(int fd)
     }, kGroupExportFailed);
 }
 
-bool restore_group(const StoredGroup &g)
+// How much of a stored group a restore may change here.
+enum class GroupRestore {
+    none,    // a system group: left as it is
+    members, // "users" and "administrators": their members only
+    whole,   // members and description
+};
+
+// "wheel" (which may grant the superuser's rights) is never restored, nor
+// any group that has a system gid (below 100) on this appliance.
+GroupRestore group_restore(const std::string &name, const acc::Lines &group_file)
+{
+    if (acc::equal_nocase(name, "wheel"))
+        return GroupRestore::none;
+    if (acc::equal_nocase(name, "users") || acc::equal_nocase(name, "administrators"))
+        return GroupRestore::members;
+    for (const std::string &line : group_file.lines) {
+        const auto fields = acc::split(line);
+        if (fields.size() < 3 || !acc::same_name(fields[0], name))
+            continue;
+        const std::string gid(fields[2]);
+        char *end = nullptr;
+        const long number = std::strtol(gid.c_str(), &end, 10);
+        if (gid.empty() || *end != '\0' || number < 100)
+            return GroupRestore::none;
+    }
+    return GroupRestore::whole;
+}
+
+bool restore_group(const StoredGroup &g, GroupRestore what)
 {
     std::vector<const char *> record{g.name.c_str()};
     for (const std::string &member : g.members)
@@ -266,7 +298,8 @@ bool restore_group(const StoredGroup &g)
     if (KEMOGroupSet(KEMO_GROUP_LOCAL, KEMO_ACCOUNT_LOCAL, present ? g.name.c_str() : nullptr,
                      record.data()) != 0)
         return false;
-    return g.desc.empty() || KEMOGroupSetDesc(g.name.c_str(), g.desc.c_str()) == 0;
+    return what != GroupRestore::whole || g.desc.empty() ||
+           KEMOGroupSetDesc(g.name.c_str(), g.desc.c_str()) == 0;
 }
 
 int import_groups(int fd, int apply)
@@ -288,11 +321,22 @@ int import_groups(int fd, int apply)
         return damaged("group", kGroupImportFailed);
     if (apply == 0)
         return 0;
+    acc::Lines group_file;
+    if (!acc::read_lines(acc::kGroup, group_file)) {
+        KEMO_LOG("fail to read %s (%X)", acc::kGroup, KLIBErrGet());
+        report(kGroupImportFailed);
+        return -1;
+    }
     // Each group is its own change: one that cannot be restored (a member
     // refused, the group limit) does not hold back the others.
     bool all = true;
     for (const StoredGroup &g : groups) {
-        if (!restore_group(g)) {
+        const GroupRestore what = group_restore(g.name, group_file);
+        if (what == GroupRestore::none) {
+            KEMO_LOG("system group [%s] not restored", g.name.c_str());
+            continue;
+        }
+        if (!restore_group(g, what)) {
             KEMO_LOG("fail to restore group [%s] (%X)", g.name.c_str(), KLIBErrGet());
             report(kGroupNotRestored, g.name.c_str());
             all = false;
@@ -309,6 +353,79 @@ struct StoredShare {
     std::string name;
     std::vector<std::pair<std::string, std::string>> lines; // key, value in file order
 };
+
+// The keys the appliance itself writes for a share.  A restored share
+// keeps only these (the first line of each): anything else in a backup,
+// such as another user to act as or a command to run on connecting, is
+// dropped.
+constexpr std::string_view kShareKeys[] = {"comment",    "path",      "invalid users",
+                                           "valid users", "write list", "read list",
+                                           "browseable", "guest ok",  "writeable"};
+
+// Section names that are not shares of this appliance's folders: the file
+// server's own sections and those of external disks.
+bool reserved_share_name(const std::string &name)
+{
+    for (std::string_view reserved : {"global", "homes", "home", "printers"})
+        if (acc::equal_nocase(name, reserved))
+            return true;
+    return BlShareIIsUsbSection(name.c_str()) == 1 || BlShareIIsSATASection(name.c_str()) == 1;
+}
+
+// True for a folder on a data volume: "/volume" and its digit, then "/"
+// or the end, without a ".." component.  A "%" is refused too: the file
+// server would replace it with text of the client's choosing.
+bool on_a_volume(std::string_view path)
+{
+    constexpr std::string_view prefix = "/volume";
+    if (!path.starts_with(prefix) || path.size() == prefix.size())
+        return false;
+    const char digit = path[prefix.size()];
+    if (digit < '1' || digit > '9')
+        return false;
+    std::string_view rest = path.substr(prefix.size() + 1);
+    if ((!rest.empty() && rest[0] != '/') || path.find('%') != std::string_view::npos)
+        return false;
+    while (!rest.empty()) {
+        rest.remove_prefix(1); // the "/"
+        const std::size_t slash = std::min(rest.find('/'), rest.size());
+        if (rest.substr(0, slash) == "..")
+            return false;
+        rest.remove_prefix(slash);
+    }
+    return true;
+}
+
+// The share as it may be restored (allowed keys, first line of each), or
+// nullopt for a share that may not be restored at all: a name that is no
+// share name or is reserved, a text with a line break, no path or a path
+// outside the data volumes.
+std::optional<StoredShare> restorable(const StoredShare &share)
+{
+    if (BlKLIBIsShareName(share.name.c_str()) != 1 || reserved_share_name(share.name))
+        return std::nullopt;
+    StoredShare kept{share.name, {}};
+    for (const auto &[key, value] : share.lines) {
+        if (has_line_break(key) || has_line_break(value))
+            return std::nullopt;
+        const bool known = std::find(std::begin(kShareKeys), std::end(kShareKeys), key) !=
+                           std::end(kShareKeys);
+        const bool seen = std::any_of(kept.lines.begin(), kept.lines.end(),
+                                      [&](const auto &line) { return line.first == key; });
+        if (!known || seen) {
+            KEMO_LOG("share [%s]: key [%s] not restored", share.name.c_str(), key.c_str());
+            continue;
+        }
+        if (key == "path" && !on_a_volume(value))
+            return std::nullopt;
+        kept.lines.emplace_back(key, value);
+    }
+    const bool has_path = std::any_of(kept.lines.begin(), kept.lines.end(),
+                                      [](const auto &line) { return line.first == "path"; });
+    if (!has_path)
+        return std::nullopt;
+    return kept;
+}
 
 // The share sections of smb.conf ("global", USB and SATA disks left out:
 // those describe this appliance and the disks plugged into it now).
@@ -405,20 +522,18 @@ int import_shares(int fd, int apply)
     for (StoredShare &share : shares) {
         share.name = in.text();
         share.lines.resize(static_cast<std::size_t>(in.count()));
-        bool lines_ok = true;
         for (auto &[key, value] : share.lines) {
             key = in.text();
             value = in.text();
-            // A key must stay one key: no "=", no line end, not blank.
-            lines_ok = lines_ok && !kemo::trimmed(key).empty() &&
-                       key.find_first_of("=[\r\n") == std::string::npos && !has_line_break(value);
         }
-        const bool name_ok = BlKLIBIsShareName(share.name.c_str()) == 1 &&
-                             !acc::equal_nocase(share.name, "global");
-        if (in.ok && (!name_ok || !lines_ok))
-            in.refuse("share", share.name, kShareNotRestored);
         if (!in.ok)
             break;
+        std::optional<StoredShare> kept = restorable(share);
+        if (!kept) {
+            in.refuse("share", share.name, kShareNotRestored);
+            break;
+        }
+        share = std::move(*kept);
     }
     if (!in.ok)
         return damaged("share", kShareImportFailed);

@@ -1,8 +1,9 @@
 // Event logs: the ring file byte for byte through appends, wrap-around and
 // compaction; the text form in two languages; log classes and the
 // configuration file; damaged files; several writers at once; current
-// connections from fake sources.
+// connections from fake sources, and names planted where they are worked on.
 #include "kemo.h"
+#include "as_nobody.hpp"
 #include "sandbox_fixture.hpp"
 #include "syslog_capture.hpp"
 
@@ -431,6 +432,46 @@ TEST_F(Log, CurrentConnectionsFromTheThreeSources)
     EXPECT_EQ(KEMOLogGet(1, 1, &list, nullptr), -1);
     EXPECT_EQ(KLIBErrGet(), ERR_BAD_PARAMETERS);
     KLIBSzListFree(list);
+}
+
+TEST_F(Log, CurrentConnectionsNeverWriteThroughPlantedNames)
+{
+    write_file("/usr/kemo/bin/smbstatus",
+               "#!/bin/sh\ncat <<'EOF'\nService      pid     Machine       Connected at\n"
+               "-------------------------------------------------------\n"
+               "public       815     pc2           Tue Jan  3 01:02:03 PM 2006\nEOF\n",
+               0755);
+    // Connections of servers that are gone (pid 1 is neither), in
+    // directories every user may write to.
+    const std::string gone = "1\tgone\t1.2.3.4\t" + std::to_string(kT0) + "\n";
+    write_file("/tmp/apple/AT_LOG", gone);
+    write_file("/var/tmp/ftp_cur_con.log", gone);
+    ASSERT_EQ(chmod("/tmp/apple", 01777), 0);
+    ASSERT_EQ(chmod("/var/tmp", 01777), 0);
+    const std::string passwd = read_file("/etc/passwd"), shadow = read_file("/etc/shadow");
+    ASSERT_TRUE(as_nobody([] {
+        const int fd = open("/tmp/apple/AT_LOG_TMP", O_WRONLY | O_CREAT | O_EXCL, 0666);
+        return fd >= 0 && write(fd, "planted\n", 8) == 8 && fchmod(fd, 0666) == 0 && close(fd) == 0 &&
+               symlink("/etc/passwd", "/tmp/smbstatus.tmp") == 0 &&
+               symlink("/etc/shadow", "/var/tmp/ftp_cur_con.log.tmp") == 0;
+    }));
+    const ino_t planted = stat_of("/tmp/apple/AT_LOG_TMP").st_ino;
+
+    PKLIBSZLIST list = PslKLIBSzListAlloc(0);
+    ASSERT_EQ(KEMOLogGet(2, 1, &list, nullptr), 1);
+    EXPECT_STREQ(list->pszItem[0], "pc2\tpc2\t2006/01/03 13:02:03\tSamba\t815");
+    KLIBSzListFree(list);
+    EXPECT_EQ(read_file("/etc/passwd"), passwd);
+    EXPECT_EQ(read_file("/etc/shadow"), shadow);
+    // The files were pruned into new files of root's; the planted names
+    // were neither followed nor reused.
+    EXPECT_EQ(read_file("/tmp/apple/AT_LOG"), "");
+    EXPECT_NE(stat_of("/tmp/apple/AT_LOG").st_ino, planted);
+    EXPECT_EQ(stat_of("/tmp/apple/AT_LOG").st_uid, 0u);
+    EXPECT_EQ(read_file("/tmp/apple/AT_LOG_TMP"), "planted\n");
+    EXPECT_EQ(read_file("/var/tmp/ftp_cur_con.log"), "");
+    EXPECT_TRUE(S_ISLNK(stat_of("/var/tmp/ftp_cur_con.log.tmp").st_mode));
+    EXPECT_TRUE(S_ISLNK(stat_of("/tmp/smbstatus.tmp").st_mode));
 }
 
 } // namespace

@@ -1,12 +1,15 @@
 // Configuration backup: the file byte for byte, the driver's choices of
-// sections, restoring into a fresh appliance, damaged files, and the host
-// name and service switches the sections rely on.
+// sections, restoring into a fresh appliance, damaged files, hostile
+// backups and planted file names, and the host name and service switches
+// the sections rely on.
 #include "kemo.h"
+#include "as_nobody.hpp"
 #include "sandbox_fixture.hpp"
 #include "syslog_capture.hpp"
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -46,6 +49,36 @@ std::string pairs_body(const Pairs &pairs)
     std::string body = long_value(static_cast<int32_t>(pairs.size()));
     for (const auto &[k, v] : pairs)
         body += text_value(k) + text_value(v);
+    return body;
+}
+
+// Share sections: count, then per share its name, line count and pairs.
+struct ShareDef {
+    std::string name;
+    Pairs lines;
+};
+std::string shares_body(const std::vector<ShareDef> &shares)
+{
+    std::string body = long_value(static_cast<int32_t>(shares.size()));
+    for (const ShareDef &s : shares)
+        body += text_value(s.name) + pairs_body(s.lines);
+    return body;
+}
+// Group sections: count, then per group its name, description, member
+// count and members.
+struct GroupDef {
+    std::string name, desc;
+    std::vector<std::string> members;
+};
+std::string groups_body(const std::vector<GroupDef> &groups)
+{
+    std::string body = long_value(static_cast<int32_t>(groups.size()));
+    for (const GroupDef &g : groups) {
+        body += text_value(g.name) + text_value(g.desc) +
+                long_value(static_cast<int32_t>(g.members.size()));
+        for (const std::string &m : g.members)
+            body += text_value(m);
+    }
     return body;
 }
 
@@ -287,6 +320,7 @@ TEST_F(BackupTest, TypedValuesAreCheckedBeforeUse)
     EXPECT_EQ(import(time_section(u32(2) + u32(8) + u32(1) + u32(0)), 0x1, 1), -1);
     // A value with a line end would add a line to the settings file.
     EXPECT_EQ(import(time_section(pairs_body({{"timezone", "UTC\nhostname=evil"}})), 0x1, 1), -1);
+    EXPECT_EQ(import(time_section(pairs_body({{"timezone", "UTC\rhostname=evil"}})), 0x1, 1), -1);
     EXPECT_EQ(setting("timezone"), "Greenwich");
     // Keys of other sections are skipped; the empty text is one NUL.
     EXPECT_EQ(import(time_section(pairs_body({{"hostname", "evil"}, {"ntpdate_server", ""}})),
@@ -447,6 +481,157 @@ TEST_F(DamagedBackupTest, RandomBytesOverAValidFile)
         SCOPED_TRACE(round);
         check(damaged, first);
     }
+}
+
+// ------------------------------------------------------------ hostile backups
+
+constexpr char kSmbConf[] = "/usr/kemo/etc/smb.conf";
+// A share as the appliance writes it.
+const Pairs kSafeShare = {{"comment", "Team"},           {"path", "/volume1/team"},
+                          {"browseable", "yes"},         {"guest ok", "no"},
+                          {"writeable", "no"},           {"invalid users", "nobody,nobody"},
+                          {"write list", "nobody,@users,nobody"}, {"read list", "nobody,nobody"}};
+
+TEST_F(BackupTest, RestoredShareKeepsOnlyTheKeysOfAShare)
+{
+    Pairs lines = kSafeShare;
+    lines.insert(lines.begin() + 2, {"force user", "root"});
+    lines.push_back({"root preexec", "/bin/sh -c 'id > /tmp/owned'"});
+    lines.push_back({"valid users", "nobody,@users,nobody"});
+    lines.push_back({"path", "/"}); // a second path: the first one counts
+    const std::string before = read_file(kSmbConf);
+    ASSERT_EQ(import(file_header(0x20) + section(0x20, shares_body({{"team", lines}})), 0x20, 1), 0);
+    std::string expected = before + "[team]\n";
+    for (const auto &[k, v] : kSafeShare)
+        expected += "\t" + k + "=" + v + "\n";
+    expected += "\tvalid users=nobody,@users,nobody\n";
+    EXPECT_EQ(read_file(kSmbConf), expected);
+}
+
+TEST_F(BackupTest, ShareOutsideAVolumeOrUnderAReservedNameIsRefused)
+{
+    const std::string before = read_file(kSmbConf);
+    const auto with_path = [](const char *path) {
+        Pairs p = kSafeShare;
+        p[1].second = path;
+        return p;
+    };
+    // The appliance's root, served as root, with a command run on connect.
+    Pairs attack = with_path("/");
+    attack.push_back({"force user", "root"});
+    attack.push_back({"root preexec", "/bin/sh -c 'id > /tmp/owned'"});
+    std::vector<ShareDef> bad = {{"all", attack}};
+    for (const char *path : {"/volume1/../etc", "/volume1/a/..", "/volume", "/volumes/a", "/volumeX",
+                             "/volume1a", "volume1/a", "/tmp/volume1", "/volume1/%H", ""})
+        bad.push_back({"x", with_path(path)});
+    Pairs no_path = kSafeShare;
+    no_path.erase(no_path.begin() + 1);
+    bad.push_back({"x", no_path});
+    for (const char *name : {"global", "Homes", "home", "PRINTERS", "usbshare1", "satashare", ""})
+        bad.push_back({name, kSafeShare});
+    for (const ShareDef &share : bad) {
+        SCOPED_TRACE(share.name + " " + (share.lines.size() > 1 ? share.lines[1].second : ""));
+        // Next to a sound share: the section is refused whole.
+        const std::string body = shares_body({{"fine", kSafeShare}, share});
+        EXPECT_EQ(import(file_header(0x20) + section(0x20, body), 0x20, 1), -1);
+        EXPECT_EQ(gimp_status & 0x20, 0u);
+        EXPECT_EQ(read_file(kSmbConf), before);
+    }
+    for (const char *path : {"/volume1", "/volume2/", "/volume4/a/b c/d..e"}) {
+        SCOPED_TRACE(path);
+        EXPECT_EQ(import(file_header(0x20) + section(0x20, shares_body({{"fine", with_path(path)}})),
+                         0x20, 1),
+                  0);
+        EXPECT_THAT(lines_of(kSmbConf), Contains(std::string("\tpath=") + path));
+    }
+}
+
+TEST_F(BackupTest, RestoredGroupsLeaveSystemGroupsAlone)
+{
+    const std::string body = groups_body({{"wheel", "Root by su", {"guest"}},
+                                          {"root", "", {"root", "guest"}},
+                                          {"administrators", "Owned", {"admin", "guest"}},
+                                          {"team", "The team", {"guest"}}});
+    ASSERT_EQ(import(file_header(0x200) + section(0x200, body), 0x200, 1), 0);
+    const auto group = lines_of("/etc/group");
+    EXPECT_THAT(group, Contains("root:x:0:root"));
+    EXPECT_THAT(group, Contains(ContainsRegex("^administrators:x:101:.*guest")));
+    EXPECT_THAT(group, Contains(ContainsRegex("^team:x:[0-9]+:.*guest")));
+    for (const std::string &line : group)
+        EXPECT_NE(line.rfind("wheel:", 0), 0u) << line;
+    const std::string desc = read_file("/etc/group_desc");
+    EXPECT_THAT(desc, ::testing::HasSubstr("administrators:System administrators\n"));
+    EXPECT_THAT(desc, ::testing::HasSubstr("team:The team\n"));
+}
+
+// ------------------------------------------------------------ planted names
+
+TEST_F(BackupTest, ImportNeverWritesThroughAPlantedScratchFile)
+{
+    constexpr char kScratch[] = "/tmp/importprocess";
+    const std::string shadow = read_file("/etc/shadow");
+    const std::string bytes =
+        file_header(0x1) + section(0x1, pairs_body({{"timezone", "Asia/Tokyo"}}));
+    // A link to the shadow file, even for a check-only import.
+    ASSERT_TRUE(as_nobody([&] { return ::symlink("/etc/shadow", kScratch) == 0; }));
+    EXPECT_EQ(import(bytes, 0x1, 0), 0);
+    EXPECT_EQ(read_file("/etc/shadow"), shadow);
+    EXPECT_FALSE(exists(kScratch));
+    // A FIFO would hang or fail the import.
+    ASSERT_TRUE(as_nobody([&] { return ::mkfifo(kScratch, 0666) == 0; }));
+    EXPECT_EQ(import(bytes, 0x1, 0), 0);
+    EXPECT_FALSE(exists(kScratch));
+    // A file of its own that the planter keeps open would show every body.
+    ASSERT_TRUE(as_nobody([&] {
+        const int fd = ::open(kScratch, O_WRONLY | O_CREAT | O_EXCL, 0666);
+        return fd >= 0 && ::fchmod(fd, 0666) == 0 && ::close(fd) == 0;
+    }));
+    const int planted = ::open(kScratch, O_RDONLY);
+    ASSERT_GE(planted, 0);
+    EXPECT_EQ(import(bytes, 0x1, 1), 0);
+    struct stat st {};
+    ASSERT_EQ(::fstat(planted, &st), 0);
+    EXPECT_EQ(st.st_size, 0);
+    ::close(planted);
+    EXPECT_EQ(setting("timezone"), "Asia/Tokyo");
+}
+
+TEST_F(BackupTest, ExportNeverWritesIntoAFileItDoesNotOwn)
+{
+    constexpr uint32_t kUsers = 0x100;
+    // Planted by another user, readable by all: no password hash goes in.
+    ASSERT_TRUE(as_nobody([] {
+        const int fd = ::open(kFile, O_WRONLY | O_CREAT | O_EXCL, 0666);
+        return fd >= 0 && ::fchmod(fd, 0666) == 0 && ::close(fd) == 0;
+    }));
+    EXPECT_EQ(KEMOSysbkpExport(kFile, kUsers, 0600), -1);
+    EXPECT_EQ(read_file(kFile), "");
+    ASSERT_EQ(::unlink(kFile), 0);
+    // A link: not followed.
+    const std::string shadow = read_file("/etc/shadow");
+    ASSERT_TRUE(as_nobody([] { return ::symlink("/etc/shadow", kFile) == 0; }));
+    EXPECT_EQ(KEMOSysbkpExport(kFile, kUsers, 0600), -1);
+    ASSERT_EQ(::unlink(kFile), 0);
+    EXPECT_EQ(read_file("/etc/shadow"), shadow);
+    // A second name of a private file of root's.
+    write_file("/tmp/private", "secret\n", 0600);
+    ASSERT_EQ(::link("/tmp/private", kFile), 0);
+    EXPECT_EQ(KEMOSysbkpExport(kFile, kUsers, 0600), -1);
+    EXPECT_EQ(read_file("/tmp/private"), "secret\n");
+    ASSERT_EQ(::unlink(kFile), 0);
+    // A FIFO: refused at once, nobody has to open its other end.
+    ASSERT_TRUE(as_nobody([] { return ::mkfifo(kFile, 0666) == 0; }));
+    EXPECT_EQ(KEMOSysbkpExport(kFile, kUsers, 0600), -1);
+    ASSERT_EQ(::unlink(kFile), 0);
+    // The caller's own file is replaced and made private, whatever its mode
+    // was and whatever mode is asked for.
+    write_file(kFile, std::string(5000, 'x'), 0666);
+    ASSERT_EQ(KEMOSysbkpExport(kFile, 0x2, 0644), 0);
+    EXPECT_EQ(read_file(kFile), file_header(0x2) + section(0x2, text_value("kemonas")));
+    EXPECT_EQ(mode_of(kFile), 0600u);
+    ASSERT_EQ(::unlink(kFile), 0);
+    ASSERT_EQ(KEMOSysbkpExport(kFile, 0x2, 0666), 0);
+    EXPECT_EQ(mode_of(kFile), 0600u);
 }
 
 // ------------------------------------------------------------ primitives
