@@ -2,6 +2,7 @@
 // whole files, and changing them through a twin that replaces the file only
 // once it is complete on disk.  Lines a function does not own are copied
 // byte for byte.
+#include "kemofile.hpp"
 #include "kemo_io.hpp"
 
 #include <algorithm>
@@ -206,6 +207,21 @@ int set_keys(const char *path, PKLIBSZHASH hash, const char *format, bool consum
 } // namespace
 
 namespace kemo::settings {
+
+std::optional<std::string> get_value(const char *path, std::string_view key)
+{
+    std::optional<std::string> found;
+    if (kemo::for_each_line(path, [&](std::string_view line) {
+            if (!key_matches(line, key))
+                return 1;
+            const std::optional<std::string_view> value = line_value(line);
+            if (value)
+                found.emplace(*value);
+            return 0;
+        }) < 0)
+        return std::nullopt;
+    return found ? found : fail(std::optional<std::string>(), ERR_KEY_NOT_FOUND);
+}
 
 int set_key_value(const char *path, const char *key, const char *value, const char *format)
 {
