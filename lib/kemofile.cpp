@@ -590,12 +590,12 @@ KEMO_API int KLIBFileMatchLineNo(const char *path, const char *pattern, int flag
     if (path == nullptr || pattern == nullptr || flags < 0)
         return fail(-1, ERR_BAD_PARAMETERS);
     return kemo::edge(-1, [&] {
-        std::string text;
         int number = 0, found = 0;
         if (kemo::for_each_line(path, [&](std::string_view line) {
                 ++number;
-                text.assign(line);
-                if (KLIBILineMatch(text.c_str(), pattern, flags) != 1)
+                // As a C string the line would end at its first NUL byte.
+                const std::string_view text = line.substr(0, line.find('\0'));
+                if (!kemo::sections::line_matches(text, pattern, flags))
                     return 1;
                 found = number;
                 return (flags & KLIB_MATCH_LAST) != 0 ? 1 : 0;

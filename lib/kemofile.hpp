@@ -23,3 +23,11 @@ int set_key_value(const char *path, const char *key, const char *value, const ch
 int append_key(const char *path, const char *key, const char *value, const char *format);
 
 } // namespace kemo::settings
+
+namespace kemo::sections {
+
+// KLIBILineMatch on a line of any content: the line (with its newline, if
+// any) matches pattern under the KLIB_MATCH_* flags.  Throws std::bad_alloc.
+bool line_matches(std::string_view line, std::string_view pattern, int flags);
+
+} // namespace kemo::sections

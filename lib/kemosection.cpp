@@ -3,6 +3,7 @@
 // into a hash, added, replaced and removed; single lines are found, read and
 // replaced by a text pattern.
 #include "kemo_io.hpp"
+#include "kemofile.hpp"
 
 #include <cctype>
 #include <cstring>
@@ -180,6 +181,11 @@ int put_line(const char *path, const char *pattern, const std::string &text, int
 } // namespace
 
 namespace kemo::sections {
+
+bool line_matches(std::string_view line, std::string_view pattern, int flags)
+{
+    return line_match(line, pattern, flags);
+}
 
 int get_section(const char *path, const char *name, PKLIBSZHASH *phash)
 {
