@@ -1,11 +1,14 @@
 // Line reader, twin writer and pair format shared by the file modules.
 #include "kemo_io.hpp"
 
+#include <atomic>
 #include <cerrno>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <new>
+#include <string>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -102,8 +105,45 @@ bool sync_parent_directory(const std::string &path)
     return synced;
 }
 
-Twin::Twin(std::string target, std::string twin_path)
-    : target_(std::move(target)), twin_(twin_path.empty() ? target_ + ".tmp" : std::move(twin_path))
+bool fits_on_line(std::string_view text) noexcept
+{
+    return text.find_first_of(std::string_view("\r\n\0", 3)) == std::string_view::npos;
+}
+
+bool is_single_line(std::string_view line) noexcept
+{
+    if (!line.empty() && line.back() == '\n')
+        line.remove_suffix(1);
+    return fits_on_line(line);
+}
+
+bool hash_fits_on_lines(const KLIBSZHASH *hash) noexcept
+{
+    if (hash == nullptr)
+        return true;
+    for (int i = 0; i < hash->nSlot; ++i) {
+        const KLIBSZHASHSLOT &slot = hash->rgSlot[i];
+        if (slot.pszKey != nullptr &&
+            (!fits_on_line(slot.pszKey) || (slot.pszValue != nullptr && !fits_on_line(slot.pszValue))))
+            return false;
+    }
+    return true;
+}
+
+std::string unique_name(std::string_view prefix)
+{
+    static std::atomic<unsigned> counter{0};
+    std::string name(prefix);
+    name += std::to_string(static_cast<int>(::getpid()));
+    name += '-';
+    name += std::to_string(static_cast<int>(counter.fetch_add(1) & INT_MAX));
+    return name;
+}
+
+Twin::Twin(std::string target) : target_(std::move(target)), fixed_(false) {}
+
+Twin::Twin(std::string target, std::string fixed_twin_path)
+    : target_(std::move(target)), twin_(std::move(fixed_twin_path)), fixed_(!twin_.empty())
 {
 }
 
@@ -111,21 +151,42 @@ Twin::~Twin()
 {
     if (fd_ >= 0)
         ::close(fd_);
-    if (!done_)
+    if (created_ && !done_)
         ::unlink(twin_.c_str());
+}
+
+// Creates the twin exclusively, never through a link: a name of its own
+// (the next one when a stale file of a dead process holds it), or the fixed
+// path with a stale file removed first.  The descriptor, or -1.
+int Twin::create(mode_t mode)
+{
+    constexpr int flags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+    if (fixed_) {
+        if (::unlink(twin_.c_str()) != 0 && errno != ENOENT)
+            return -1;
+        return ::open(twin_.c_str(), flags, mode);
+    }
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        twin_ = unique_name(target_ + ".");
+        const int fd = ::open(twin_.c_str(), flags, mode);
+        if (fd >= 0 || errno != EEXIST)
+            return fd;
+    }
+    return -1;
 }
 
 bool Twin::open()
 {
-    // A stale twin of an earlier crash may be there: start it afresh.  It
-    // is created private and given the target's owner and mode before any
-    // content reaches it.
+    if (fd_ >= 0 || created_)
+        return fail(false, ERR_OPEN_FAILED);
+    // A replacement is created private and given the target's owner and
+    // mode before any content reaches it; a new file gets the new-file mode.
     struct stat st;
     const bool replacing = ::stat(target_.c_str(), &st) == 0;
-    fd_ = ::open(twin_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW,
-                 replacing ? 0600 : 0666);
+    fd_ = create(replacing ? 0600 : new_mode_);
     if (fd_ < 0)
         return fail(false, ERR_OPEN_FAILED);
+    created_ = true;
     // Only root may give a file away; for anyone else the twin already has
     // the caller's owner, which is the best that can be done.
     if (replacing && ((::fchown(fd_, st.st_uid, st.st_gid) != 0 && errno != EPERM) ||

@@ -6,6 +6,7 @@
 #include "kemo_internal.hpp"
 
 #include <cstdio>
+#include <sys/types.h>
 #include <cstring>
 #include <unistd.h>
 #include <memory>
@@ -88,25 +89,54 @@ int set_pair(PKLIBSZHASH *phash, const KeyValue &pair, std::string &scratch);
 // A line without its newline (and a CR before it).
 std::string_view chomp(std::string_view line) noexcept;
 
+// Caller text that is to stand inside one line of a file: true when it
+// holds no line break (CR or LF) and no NUL.  Every writer refuses keys,
+// values and section names that fail it with ERR_BAD_PARAMETERS before it
+// touches a file, so that no caller can add lines of its choosing.
+bool fits_on_line(std::string_view text) noexcept;
+
+// A caller's whole line (of the line setters): fits_on_line once its one
+// final newline, its terminator, is set aside.
+bool is_single_line(std::string_view line) noexcept;
+
+// Every key and value of hash fits_on_line (a null hash has none).
+bool hash_fits_on_lines(const KLIBSZHASH *hash) noexcept;
+
+// A name for a scratch file that this process has not handed out before:
+// prefix, the process id, "-" and a per-process counter ("<prefix><pid>-<n>").
+// KLIBFileITmpName and the twins draw from the same counter.
+std::string unique_name(std::string_view prefix);
+
 // Writes a complete new copy of a file next to it and puts it in the file's
 // place only when every byte reached the disk:
 //   Twin twin(path);
 //   if (!twin.open()) return -1;             // ERR_OPEN_FAILED set
 //   twin.write(...); ...
 //   if (!twin.commit()) return -1;           // ERR_WRITE_FAILED set
-// The twin takes the owner and mode of the file it replaces before a byte
-// is written, so a private file is never readable by others, not even for
-// a moment.  commit() flushes and fsyncs the twin, renames it over the
-// target and fsyncs the directory, so a crash at any point leaves either
-// the old file or the new one.  A twin that was not committed is removed.
+// The twin is created exclusively and never through a symbolic link, private
+// (0600), and given the owner and mode of the file it replaces before a
+// byte is written, so a private file is never readable by others, not even
+// for a moment.  A file that did not exist gets the new-file mode (0644
+// unless set_new_file_mode says otherwise; the caller's umask applies).
+// commit() flushes and fsyncs the twin, renames it over the target and
+// fsyncs the directory, so a crash at any point leaves either the old file
+// or the new one.  A twin that was not committed is removed.
 class Twin {
 public:
-    // The twin is "<target>.tmp" unless another path is given.
-    explicit Twin(std::string target, std::string twin_path = {});
+    // A twin of a name of its own beside the target ("<target>.<pid>-<n>"),
+    // so that writers in several processes never share one.
+    explicit Twin(std::string target);
+    // A fixed twin path, for files whose writers agree on it under a lock
+    // (and whose recovery looks for it): a stale file there is removed
+    // first.  An empty path means a twin of a name of its own.
+    Twin(std::string target, std::string fixed_twin_path);
     ~Twin();
     Twin(const Twin &) = delete;
     Twin &operator=(const Twin &) = delete;
 
+    // The mode a file that does not exist yet is created with (before
+    // open(); the caller's umask applies).
+    void set_new_file_mode(mode_t mode) noexcept { new_mode_ = mode; }
     bool open();
     // Appends bytes (gathered in memory and written in large pieces); a
     // failure is remembered and reported by commit().
@@ -118,16 +148,21 @@ public:
     // Flush, fsync and close the twin without renaming it; the caller
     // moves it into place (and the twin is no longer removed).
     bool finish();
+    // The twin's path (for a twin of its own name, known once open()).
     const std::string &path() const noexcept { return twin_; }
     const std::string &target() const noexcept { return target_; }
 
 private:
     bool drain();
+    int create(mode_t mode);
 
     static constexpr std::size_t kFlushAt = 256 * 1024;
     std::string target_;
     std::string twin_;
+    bool fixed_;
+    mode_t new_mode_ = 0644;
     int fd_ = -1;
+    bool created_ = false;
     std::string pending_;
     bool ok_ = true;
     bool done_ = false;

@@ -2,8 +2,8 @@
 // whole files, and changing them through a twin that replaces the file only
 // once it is complete on disk.  Lines a function does not own are copied
 // byte for byte.
+#include "kemofile.hpp"
 #include "kemo_io.hpp"
-#include "kemo_process.hpp"
 
 #include <algorithm>
 #include <cstring>
@@ -204,9 +204,69 @@ int set_keys(const char *path, PKLIBSZHASH hash, const char *format, bool consum
     return static_cast<int>(written.size());
 }
 
-int tmp_counter = 0;
-
 } // namespace
+
+namespace kemo::settings {
+
+std::optional<std::string> get_value(const char *path, std::string_view key)
+{
+    std::optional<std::string> found;
+    if (kemo::for_each_line(path, [&](std::string_view line) {
+            if (!key_matches(line, key))
+                return 1;
+            const std::optional<std::string_view> value = line_value(line);
+            if (value)
+                found.emplace(*value);
+            return 0;
+        }) < 0)
+        return std::nullopt;
+    return found ? found : fail(std::optional<std::string>(), ERR_KEY_NOT_FOUND);
+}
+
+int set_key_value(const char *path, const char *key, const char *value, const char *format)
+{
+    kemo::PairFormat fmt;
+    if (!fmt.parse_or_default(format))
+        return fail(-1, ERR_BAD_PARAMETERS);
+    // With the caller's format the line keeps its own key text as it stood
+    // before its "=" (spacing included); the default format writes the key
+    // as given.
+    return set_by_key(path, key, fmt.line(key, value), [&](std::string_view line) {
+        if (format == nullptr)
+            return fmt.line(key, value);
+        const auto eq = line.find('=');
+        return fmt.line(eq == std::string_view::npos ? without_newline(line) : line.substr(0, eq), value);
+    });
+}
+
+int append_key(const char *path, const char *key, const char *value, const char *format)
+{
+    kemo::PairFormat fmt;
+    if (!fmt.parse_or_default(format))
+        return fail(-1, ERR_BAD_PARAMETERS);
+    const std::string fresh = fmt.line(key, value);
+    kemo::FilePtr f;
+    const int opened = kemo::open_or_create(path, "r+", fresh, f);
+    if (opened <= 0)
+        return created_result(opened);
+    kemo::LineReader reader(f.get());
+    std::string_view line;
+    bool ended = true;
+    while (reader.next(line)) {
+        if (key_matches(line, key))
+            return fail(0, ERR_KEY_EXISTS);
+        ended = line.back() == '\n';
+    }
+    if (reader.failed())
+        return fail(-1, ERR_READ_FAILED);
+    if (!kemo::append_in_place(f.get(), ended ? fresh : "\n" + fresh))
+        return -1;
+    if (std::fclose(f.release()) != 0)
+        return fail(-1, ERR_WRITE_FAILED);
+    return 1;
+}
+
+} // namespace kemo::settings
 
 extern "C" {
 
@@ -231,33 +291,21 @@ KEMO_API int KLIBFileGetLineByKey(const char *path, const char *key, char *buf, 
 KEMO_API int KLIBFileSetKeyValue(const char *path, const char *key, const char *value,
                                  const char *format)
 {
-    if (path == nullptr || key == nullptr || value == nullptr)
+    if (path == nullptr || key == nullptr || value == nullptr || !kemo::fits_on_line(key) ||
+        !kemo::fits_on_line(value))
         return fail(-1, ERR_BAD_PARAMETERS);
     // Changes of the default file system are traced on purpose.
     if (std::strcmp(key, "defaultfs") == 0)
         KEMO_LOG("szKey=%s, szValue=%s", key, value);
     if (kemo::is_directory(path))
         return fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        kemo::PairFormat fmt;
-        if (!fmt.parse_or_default(format))
-            return fail(-1, ERR_BAD_PARAMETERS);
-        // With the caller's format the line keeps its own key text as it
-        // stood before its "=" (spacing included); the default format
-        // writes the key as given.
-        return set_by_key(path, key, fmt.line(key, value), [&](std::string_view line) {
-            if (format == nullptr)
-                return fmt.line(key, value);
-            const auto eq = line.find('=');
-            return fmt.line(eq == std::string_view::npos ? without_newline(line) : line.substr(0, eq),
-                            value);
-        });
-    });
+    return kemo::edge(-1, [&] { return kemo::settings::set_key_value(path, key, value, format); });
 }
 
 KEMO_API int KLIBFileSetLineByKey(const char *path, const char *key, const char *line)
 {
-    if (path == nullptr || key == nullptr || line == nullptr || kemo::is_directory(path))
+    if (path == nullptr || key == nullptr || line == nullptr || !kemo::fits_on_line(key) ||
+        !kemo::is_single_line(line) || kemo::is_directory(path))
         return fail(-1, ERR_BAD_PARAMETERS);
     return kemo::edge(-1, [&] {
         const std::string text = kemo::with_newline(line);
@@ -268,45 +316,28 @@ KEMO_API int KLIBFileSetLineByKey(const char *path, const char *key, const char 
 KEMO_API int KLIBIFileSetKeyValue(const char *path, const char *key, const char *value,
                                   const char *format)
 {
-    const int result = KLIBFileSetKeyValue(path, key, value, format);
-    return result == 0 ? KLIBFileAppendKey(path, key, value, format) : result;
+    if (path == nullptr || key == nullptr || value == nullptr || !kemo::fits_on_line(key) ||
+        !kemo::fits_on_line(value) || kemo::is_directory(path))
+        return fail(-1, ERR_BAD_PARAMETERS);
+    return kemo::edge(-1, [&] {
+        const int result = kemo::settings::set_key_value(path, key, value, format);
+        return result == 0 ? kemo::settings::append_key(path, key, value, format) : result;
+    });
 }
 
 KEMO_API int KLIBFileAppendKey(const char *path, const char *key, const char *value,
                                const char *format)
 {
-    if (path == nullptr || key == nullptr || value == nullptr || kemo::is_directory(path))
+    if (path == nullptr || key == nullptr || value == nullptr || !kemo::fits_on_line(key) ||
+        !kemo::fits_on_line(value) || kemo::is_directory(path))
         return fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        kemo::PairFormat fmt;
-        if (!fmt.parse_or_default(format))
-            return fail(-1, ERR_BAD_PARAMETERS);
-        const std::string fresh = fmt.line(key, value);
-        kemo::FilePtr f;
-        const int opened = kemo::open_or_create(path, "r+", fresh, f);
-        if (opened <= 0)
-            return created_result(opened);
-        kemo::LineReader reader(f.get());
-        std::string_view line;
-        bool ended = true;
-        while (reader.next(line)) {
-            if (key_matches(line, key))
-                return fail(0, ERR_KEY_EXISTS);
-            ended = line.back() == '\n';
-        }
-        if (reader.failed())
-            return fail(-1, ERR_READ_FAILED);
-        if (!kemo::append_in_place(f.get(), ended ? fresh : "\n" + fresh))
-            return -1;
-        if (std::fclose(f.release()) != 0)
-            return fail(-1, ERR_WRITE_FAILED);
-        return 1;
-    });
+    return kemo::edge(-1, [&] { return kemo::settings::append_key(path, key, value, format); });
 }
 
 KEMO_API int KLIBFileAddLineByKey(const char *path, const char *key, const char *line)
 {
-    if (path == nullptr || key == nullptr || line == nullptr || kemo::is_directory(path))
+    if (path == nullptr || key == nullptr || line == nullptr || !kemo::fits_on_line(key) ||
+        !kemo::is_single_line(line) || kemo::is_directory(path))
         return fail(-1, ERR_BAD_PARAMETERS);
     return kemo::edge(-1, [&] {
         const std::string text = kemo::with_newline(line);
@@ -331,7 +362,7 @@ KEMO_API int KLIBFileAddLineByKey(const char *path, const char *key, const char 
 
 KEMO_API int KLIBFileRemoveKey(const char *path, const char *key)
 {
-    if (path == nullptr || key == nullptr)
+    if (path == nullptr || key == nullptr || !kemo::fits_on_line(key))
         return fail(-1, ERR_BAD_PARAMETERS);
     return kemo::edge(-1, [&] {
         int removed = 0;
@@ -382,14 +413,15 @@ KEMO_API int KLIBILineKeyMoveHash2File(FILE *stream, const char *line, PKLIBSZHA
         const char *value = SzKLIBSzHashGetValue(hash, key.c_str());
         if (value == nullptr)
             return 0;
+        if (!kemo::fits_on_line(value))
+            return fail(-1, ERR_BAD_PARAMETERS);
         const std::string text = fmt.line(key, value);
         if (std::fwrite(text.data(), 1, text.size(), stream) != text.size())
             return fail(-1, ERR_WRITE_FAILED);
         if (SzKLIBSzHashRemoveKey(hash, key.c_str()) == nullptr) {
-            ::syslog(LOG_ERR,
-                     "KLIBILineKeyMoveHash2File(): SzKLIBSzHashRemoveKey(pshHash, szKey) \t\t\t   "
-                     "szKey=%s",
-                     key.c_str());
+            kemo::log("KLIBILineKeyMoveHash2File(): SzKLIBSzHashRemoveKey(pshHash, szKey) \t\t\t   "
+                      "szKey=%s",
+                      key.c_str());
             return -1;
         }
         return 1;
@@ -398,14 +430,14 @@ KEMO_API int KLIBILineKeyMoveHash2File(FILE *stream, const char *line, PKLIBSZHA
 
 KEMO_API int KLIBFileSetKeys(const char *path, PKLIBSZHASH hash, const char *format)
 {
-    if (path == nullptr || hash == nullptr)
+    if (path == nullptr || hash == nullptr || !kemo::hash_fits_on_lines(hash))
         return fail(-1, ERR_BAD_PARAMETERS);
     return kemo::edge(-1, [&] { return set_keys(path, hash, format, true); });
 }
 
 KEMO_API int ErrKLIBFileSetPair(const char *path, PKLIBSZHASH hash, const char *format)
 {
-    if (path == nullptr || hash == nullptr || kemo::is_directory(path))
+    if (path == nullptr || hash == nullptr || !kemo::hash_fits_on_lines(hash) || kemo::is_directory(path))
         return fail(-1, ERR_BAD_PARAMETERS);
     return kemo::edge(-1, [&] {
         if (::access(path, F_OK) != 0 && errno == ENOENT && !kemo::create_file(path, ""))
@@ -427,7 +459,12 @@ KEMO_API int KLIBFileMergePairs(const char *dst, const char *src, const char *fo
         std::unordered_set<std::string> seen;
         if (kemo::for_each_line(src, [&](std::string_view line) {
                 const auto pair = is_comment(line) ? std::nullopt : kemo::split_pair(line);
-                if (pair && seen.emplace(pair->key).second)
+                if (!pair)
+                    return 1;
+                // A stray CR inside a pair would become a line break of dst.
+                if (!kemo::fits_on_line(pair->key) || !kemo::fits_on_line(pair->value))
+                    return fail(-1, ERR_BAD_PARAMETERS);
+                if (seen.emplace(pair->key).second)
                     pairs.emplace_back(pair->key, pair->value);
                 return 1;
             }) < 0)
@@ -458,7 +495,8 @@ KEMO_API int KLIBFileMergePairs(const char *dst, const char *src, const char *fo
 
 KEMO_API int KLIBFileReplaceSubStr(const char *path, const char *from, const char *to)
 {
-    if (path == nullptr || from == nullptr || to == nullptr || *from == '\0')
+    if (path == nullptr || from == nullptr || to == nullptr || *from == '\0' ||
+        !kemo::fits_on_line(from) || !kemo::fits_on_line(to))
         return fail(-1, ERR_BAD_PARAMETERS);
     return kemo::edge(-1, [&] {
         const std::string_view needle(from), replacement(to);
@@ -487,43 +525,23 @@ KEMO_API int KLIBFileReplaceSubStr(const char *path, const char *from, const cha
 
 KEMO_API int KLIBFileComment(const char *path, const char *key)
 {
-    if (path == nullptr || key == nullptr)
+    if (path == nullptr || key == nullptr || !kemo::fits_on_line(key))
         return fail(-1, ERR_BAD_PARAMETERS);
     return kemo::edge(-1, [&] {
-        // The new copy is made as a scratch file in /etc/skel and moved
-        // over the file with mv, which also crosses file systems.
-        static constexpr const char *dir = "/etc/skel";
-        static constexpr const char *name = "tempErrKLIBFileComment";
-        const auto move = kemo::shell_command("/bin/mv -f %s/%s %s > /dev/null 2>&1", {dir, name, path});
-        if (!move)
-            return fail(-1, ERR_BAD_PARAMETERS);
-        kemo::FilePtr in = kemo::open_file(path, "r");
-        if (!in)
-            return fail(-1, ERR_OPEN_FAILED);
-        kemo::Twin twin(path, std::string(dir) + "/" + name);
-        if (!twin.open())
-            return -1;
         int count = 0;
-        const int result = kemo::copy_lines(
-            in.get(), twin,
-            [&](std::string_view line, kemo::Twin &t) {
+        const int result = kemo::rewrite_file(
+            path,
+            [&](std::string_view line, kemo::Twin &twin) {
                 if (key_matches(line, key)) {
-                    t.write("#");
+                    twin.write("#");
                     ++count;
                 }
-                return t.write(line), true;
+                return twin.write(line), true;
             },
-            [&](kemo::Twin &, bool) { return count > 0 ? 1 : 0; }, ERR_WRITE_FAILED);
-        if (result <= 0)
-            return result == 0 ? fail(0, ERR_KEY_NOT_FOUND) : -1;
-        if (!twin.finish())
+            [&](kemo::Twin &, bool) { return count > 0 ? 1 : 0; });
+        if (result < 0)
             return -1;
-        if (kemo::exit_code(kemo::shell_run(*move)) != 0) {
-            ::unlink(twin.path().c_str());
-            return fail(-1, ERR_WRITE_FAILED);
-        }
-        kemo::sync_parent_directory(path);
-        return count;
+        return count > 0 ? count : fail(0, ERR_KEY_NOT_FOUND);
     });
 }
 
@@ -545,7 +563,7 @@ KEMO_API int KLIBFileIInverse(const char *path)
                 return 1;
             });
         if (result < 0) {
-            ::syslog(LOG_ERR, "%s line %d: fail to rename errno=%d", __FILE__, __LINE__, errno);
+            kemo::log("%s line %d: fail to rename errno=%d", __FILE__, __LINE__, errno);
             return -1;
         }
         return static_cast<int>(lines.size());
@@ -572,12 +590,12 @@ KEMO_API int KLIBFileMatchLineNo(const char *path, const char *pattern, int flag
     if (path == nullptr || pattern == nullptr || flags < 0)
         return fail(-1, ERR_BAD_PARAMETERS);
     return kemo::edge(-1, [&] {
-        std::string text;
         int number = 0, found = 0;
         if (kemo::for_each_line(path, [&](std::string_view line) {
                 ++number;
-                text.assign(line);
-                if (KLIBILineMatch(text.c_str(), pattern, flags) != 1)
+                // As a C string the line would end at its first NUL byte.
+                const std::string_view text = line.substr(0, line.find('\0'));
+                if (!kemo::sections::line_matches(text, pattern, flags))
                     return 1;
                 found = number;
                 return (flags & KLIB_MATCH_LAST) != 0 ? 1 : 0;
@@ -631,14 +649,13 @@ KEMO_API int KLIBFileITmpName(const char *prefix, char *buf, int size)
     if (prefix == nullptr || buf == nullptr || size < 0)
         return fail(-1, ERR_BAD_PARAMETERS);
     std::memset(buf, 0, static_cast<std::size_t>(size));
-    const int n = std::snprintf(buf, static_cast<std::size_t>(size), "%s%d-%d", prefix,
-                                static_cast<int>(::getpid()), tmp_counter);
-    if (n < 0 || n >= size) {
-        std::memset(buf, 0, static_cast<std::size_t>(size));
-        return fail(-1, ERR_NOT_ENOUGH_MEMORY);
-    }
-    ++tmp_counter;
-    return 0;
+    return kemo::edge(-1, [&] {
+        const std::string name = kemo::unique_name(prefix);
+        if (name.size() >= static_cast<std::size_t>(size))
+            return fail(-1, ERR_NOT_ENOUGH_MEMORY);
+        std::memcpy(buf, name.c_str(), name.size() + 1);
+        return 0;
+    });
 }
 
 } // extern "C"

@@ -1,13 +1,16 @@
 // Process and system helpers: running programs, finding and stopping
-// processes, pid files, file system and directory sizes, and the small
-// notifications of the file servers and media services.
+// processes, pid files, file system and directory sizes, the status light
+// and printer reset, and the small notifications of the file servers and
+// media services.  The command runner these use is kemomisc_run.cpp.
 #include "kemo_internal.hpp"
 #include "kemo_io.hpp"
-#include "kemo_process.hpp"
+#include "kemofile.hpp"
+#include "kemomisc.hpp"
 
 #include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/statfs.h>
 #include <unistd.h>
@@ -57,9 +60,7 @@ bool searchable(std::string_view name) noexcept
 // "yes" for key in the model's defaults.
 bool supported(const char *key)
 {
-    char value[16] = "";
-    return KLIBFileGetKeyValue(defaults_conf, key, value, sizeof value, 0) > 0 &&
-           std::strcmp(value, "yes") == 0;
+    return kemo::settings::get_value(defaults_conf, key) == "yes";
 }
 
 // The folder of path under a volume ("/volume1/photo/a.jpg" -> "photo"),
@@ -108,20 +109,17 @@ int notify_media(const char *path, const char *support_key, std::string_view fol
             return 0;
         const std::array<const char *, 2> argv{program, path};
         if (kemo::run_program(argv) != 0) {
-            ::syslog(LOG_ERR, "%s (%d) Failed to run exec. (%s)", __FILE__, __LINE__, program);
+            KEMO_LOG_SP("Failed to run exec. (%s)", program);
             return kemo::fail(-1, ERR_OP_FAILURE);
         }
         return 0;
     });
 }
 
-// The servers selected by a KLIB_SERVICE_* mask.
-constexpr std::array<std::pair<int, const char *>, 3> servers{{
-    {KLIB_SERVICE_SMB, "/usr/kemo/sbin/smbd"},
-    {KLIB_SERVICE_AFP, "/usr/kemo/sbin/afpd"},
-    {KLIB_SERVICE_FTP, "/usr/kemo/sbin/ftpd"},
-}};
-constexpr int all_services = KLIB_SERVICE_SMB | KLIB_SERVICE_AFP | KLIB_SERVICE_FTP;
+// The USB printer class driver's soft-reset request.
+constexpr unsigned long lp_soft_reset = _IOC(_IOC_NONE, 'P', 7, 0);
+constexpr int printer_open_attempts = 5;
+constexpr long printer_busy_wait_ms = 500;
 
 using StatFs = struct statfs64;
 
@@ -129,7 +127,7 @@ using StatFs = struct statfs64;
 bool fs_stat(const char *path, StatFs &fs, int line)
 {
     if (path == nullptr) {
-        ::syslog(LOG_ERR, "%s(%d)bad parameter", __FILE__, line);
+        kemo::log("%s(%d)bad parameter", __FILE__, line);
         KLIBErrSet(ERR_BAD_PARAMETERS);
         return false;
     }
@@ -137,6 +135,74 @@ bool fs_stat(const char *path, StatFs &fs, int line)
 }
 
 } // namespace
+
+namespace kemo {
+
+// The processes whose "ps" line holds name (the search's own lines left
+// out): their ids go to pids (at most max), and their number is returned;
+// -1 with the error code set.  The output comes through a pipe, so nothing
+// is ever written under a name in /tmp.
+int ps(std::string_view name, int32_t *pids, int max)
+{
+    if (!searchable(name))
+        return fail(-1, ERR_BAD_PARAMETERS);
+    const auto command = shell_command("/bin/ps -awx | /bin/grep '%s' 2>&1", {name});
+    // The search's own lines: grep's arguments, and the shell's command line.
+    const auto quoted = shell_command("grep '%s'", {name});
+    if (!command || !quoted)
+        return fail(-1, ERR_BAD_PARAMETERS);
+    const ShellOutput out = shell_read(*command); // grep fails when nothing matches
+    if (!out.started)
+        return fail(-1, ERR_READ_FAILED);
+    const std::string plain = "grep " + std::string(name);
+    const std::string single = "grep '" + std::string(name) + "'";
+    int found = 0;
+    std::string_view rest = out.text;
+    while (!rest.empty()) {
+        const auto end = rest.find('\n');
+        const std::string_view line = rest.substr(0, end);
+        rest = end == std::string_view::npos ? std::string_view() : rest.substr(end + 1);
+        if (line.find(name) == std::string_view::npos || line.find(plain) != std::string_view::npos ||
+            line.find(single) != std::string_view::npos || line.find(*quoted) != std::string_view::npos)
+            continue;
+        unsigned long long pid = 0;
+        if (!leading_number(line, pid) || pid > INT32_MAX)
+            continue;
+        if (found < max)
+            pids[found] = static_cast<int32_t>(pid);
+        ++found;
+    }
+    return found;
+}
+
+// Stops the processes named so: SIGKILL at once when forced, else SIGTERM
+// and, after a grace period, SIGKILL for the survivors.  The number found
+// first (at most 256), or -1.
+int kill_by_name(std::string_view name, bool force)
+{
+    constexpr int most = 256;
+    int32_t pids[most];
+    const pid_t self = ::getpid();
+    // Signals the listed processes; never this process or a process group.
+    const auto signal_all = [&](int count, int sig) {
+        for (int i = 0; i < std::min(count, most); ++i) {
+            if (pids[i] > 0 && pids[i] != self)
+                ::kill(pids[i], sig);
+        }
+    };
+    const int found = ps(name, pids, most);
+    if (found < 0)
+        return -1;
+    signal_all(found, force ? SIGKILL : SIGTERM);
+    if (!force)
+        sleep_ms(100);
+    const int left = ps(name, pids, most);
+    if (left > 0)
+        signal_all(left, SIGKILL);
+    return std::min(found, most);
+}
+
+} // namespace kemo
 
 extern "C" {
 
@@ -171,85 +237,23 @@ KEMO_API int KLIBBackgroundExec(const char *path, const char *arg1, const char *
 
 KEMO_API int KLIBPs(const char *name, int32_t *pids, int max)
 {
-    if (name == nullptr || !searchable(name) || max < 0 || (pids == nullptr && max > 0))
+    if (name == nullptr || max < 0 || (pids == nullptr && max > 0))
         return kemo::fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        const std::string scratch = "/tmp/tempKLIBPs" + std::to_string(static_cast<unsigned>(::getpid()));
-        const auto command = kemo::shell_command("/bin/ps -awx | /bin/grep '%s' > %s 2>&1", {name, scratch});
-        // The search's own lines: grep's arguments, and the shell's command line.
-        const auto quoted = kemo::shell_command("grep '%s'", {name});
-        if (!command || !quoted)
-            return kemo::fail(-1, ERR_BAD_PARAMETERS);
-        // Created here, exclusively and never through a link, so that the
-        // shell's redirection only ever truncates our own empty file.
-        ::unlink(scratch.c_str());
-        const int fd = ::open(scratch.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
-        if (fd < 0)
-            return kemo::fail(-1, ERR_READ_FAILED);
-        ::close(fd);
-        struct Remove {
-            const std::string &path;
-            ~Remove() { ::unlink(path.c_str()); }
-        } remove{scratch};
-
-        kemo::shell_run(*command); // grep fails when nothing matches
-        kemo::FilePtr in = kemo::open_file(scratch.c_str(), "r");
-        if (!in)
-            return kemo::fail(-1, ERR_READ_FAILED);
-        const std::string plain = std::string("grep ") + name;
-        const std::string single = std::string("grep '") + name + "'";
-        kemo::LineReader reader(in.get());
-        std::string_view line;
-        int found = 0;
-        while (reader.next(line)) {
-            line = kemo::chomp(line);
-            if (line.find(name) == std::string_view::npos || line.find(plain) != std::string_view::npos ||
-                line.find(single) != std::string_view::npos || line.find(*quoted) != std::string_view::npos)
-                continue;
-            unsigned long long pid = 0;
-            if (!leading_number(line, pid) || pid > INT32_MAX)
-                continue;
-            if (found < max)
-                pids[found] = static_cast<int32_t>(pid);
-            ++found;
-        }
-        if (reader.failed())
-            return kemo::fail(-1, ERR_READ_FAILED);
-        return found;
-    });
+    return kemo::edge(-1, [&] { return kemo::ps(name, pids, max); });
 }
 
 KEMO_API int KLIBIKill(const char *name, int force)
 {
     if (name == nullptr)
         return kemo::fail(-1, ERR_BAD_PARAMETERS);
-    constexpr int most = 256;
-    int32_t pids[most];
-    const pid_t self = ::getpid();
-    // Signals the listed processes; never this process or a process group.
-    const auto signal_all = [&](int count, int sig) {
-        for (int i = 0; i < std::min(count, most); ++i) {
-            if (pids[i] > 0 && pids[i] != self)
-                ::kill(pids[i], sig);
-        }
-    };
-    const int found = KLIBPs(name, pids, most);
-    if (found < 0)
-        return -1;
-    signal_all(found, force ? SIGKILL : SIGTERM);
-    if (!force)
-        sleep_ms(100);
-    const int left = KLIBPs(name, pids, most);
-    if (left > 0)
-        signal_all(left, SIGKILL);
-    return std::min(found, most);
+    return kemo::edge(-1, [&] { return kemo::kill_by_name(name, force != 0); });
 }
 
 KEMO_API int BlKLIBIIsProcAlive(const char *name)
 {
     if (name == nullptr)
         return kemo::fail(0, ERR_BAD_PARAMETERS);
-    return KLIBPs(name, nullptr, 0) > 0 ? 1 : 0;
+    return kemo::edge(0, [&] { return kemo::ps(name, nullptr, 0) > 0 ? 1 : 0; });
 }
 
 KEMO_API int BlKLIBProcAlive(int pid)
@@ -270,7 +274,10 @@ KEMO_API int KLIBReadPidFile(const char *path)
 
 KEMO_API int KLIBProcAliveByPidFile(const char *path)
 {
-    const int pid = KLIBReadPidFile(path);
+    if (path == nullptr)
+        return kemo::fail(0, ERR_BAD_PARAMETERS);
+    // EPERM counts as not alive here, unlike BlKLIBProcAlive.
+    const int pid = kemo::read_pid_file(path);
     return pid >= 1 && ::kill(pid, 0) == 0 ? 1 : 0;
 }
 
@@ -301,14 +308,14 @@ KEMO_API unsigned long long KLIBGetFsUsedSize(const char *path)
 KEMO_API unsigned long long KLIBGetDirSize(const char *path)
 {
     if (path == nullptr) {
-        ::syslog(LOG_ERR, "%s(%d)bad parameter", __FILE__, __LINE__);
+        kemo::log("%s(%d)bad parameter", __FILE__, __LINE__);
         return kemo::fail(0ULL, ERR_BAD_PARAMETERS);
     }
     return kemo::edge(0ULL, [&] {
         constexpr std::size_t command_size = 4126;
-        // A leading "-" would be an option of du.
-        const auto command = kemo::shell_command("/usr/bin/du -sk '%s'", {path});
-        if (*path == '-' || !command || command->size() >= command_size)
+        // "--": a path that begins with "-" is a path, never an option.
+        const auto command = kemo::shell_command("/usr/bin/du -sk -- '%s'", {path});
+        if (!command || command->size() >= command_size)
             return kemo::fail(0ULL, ERR_BAD_PARAMETERS);
         const kemo::ShellOutput out = kemo::shell_read(*command, kemo::Output::first_line);
         if (!out.started) {
@@ -331,7 +338,7 @@ KEMO_API unsigned long long KLIBGetDirSize(const char *path)
 KEMO_API unsigned long long KLIBGetFullDirSize(const char *path)
 {
     if (path == nullptr || *path == '\0') {
-        ::syslog(LOG_ERR, "%s (%d) Bad parameter.", __FILE__, __LINE__);
+        KEMO_LOG_SP("Bad parameter.");
         return kemo::fail(0ULL, ERR_BAD_PARAMETERS);
     }
     return kemo::edge(0ULL, [&] {
@@ -339,7 +346,7 @@ KEMO_API unsigned long long KLIBGetFullDirSize(const char *path)
         if (root.front() != '/') {
             char cwd[PATH_MAX];
             if (::getcwd(cwd, sizeof cwd) == nullptr) {
-                ::syslog(LOG_ERR, "%s (%d) Failed to get current directory", __FILE__, __LINE__);
+                KEMO_LOG_SP("Failed to get current directory");
                 return kemo::fail(0ULL, ERR_PATH_NOT_FOUND);
             }
             root = std::string(cwd) + "/" + root;
@@ -355,7 +362,7 @@ KEMO_API unsigned long long KLIBGetFullDirSize(const char *path)
             if (::lstat(name.c_str(), &st) != 0) {
                 if (errno == ENOENT && !top)
                     continue;
-                ::syslog(LOG_ERR, "%s (%d) filename: %s", __FILE__, __LINE__, name.c_str());
+                KEMO_LOG_SP("filename: %s", name.c_str());
                 return kemo::fail(0ULL, ERR_FILE_NOT_FOUND);
             }
             top = false;
@@ -370,7 +377,7 @@ KEMO_API unsigned long long KLIBGetFullDirSize(const char *path)
             if (dir == nullptr) {
                 if (errno == ENOENT)
                     continue;
-                ::syslog(LOG_ERR, "%s (%d) filename: %s", __FILE__, __LINE__, name.c_str());
+                KEMO_LOG_SP("filename: %s", name.c_str());
                 return kemo::fail(0ULL, ERR_OPEN_FAILED);
             }
             struct Close {
@@ -388,42 +395,6 @@ KEMO_API unsigned long long KLIBGetFullDirSize(const char *path)
     });
 }
 
-KEMO_API int KLIBConnectionCountGet(int services)
-{
-    if (services == 0 || (services & ~all_services) != 0)
-        return kemo::fail(-1, ERR_BAD_PARAMETERS);
-    // Each server runs one master and one process per connection.
-    int count = 0;
-    for (const auto &[bit, program] : servers) {
-        if ((services & bit) == 0)
-            continue;
-        const int running = KLIBPs(program, nullptr, 0);
-        if (running < 0)
-            return -1;
-        count += std::max(running - 1, 0);
-    }
-    return count;
-}
-
-KEMO_API int KLIBConnectionCountLogin(int services)
-{
-    const int count = KLIBConnectionCountGet(services);
-    if (count < 0)
-        return -1;
-    // Without a valid "maxservices" the model sets no limit.
-    char value[32] = "";
-    unsigned long long most = 0;
-    if (KLIBFileGetKeyValue(defaults_conf, "maxservices", value, sizeof value, 0) <= 0 ||
-        !leading_number(value, most))
-        return 1;
-    return static_cast<unsigned long long>(count) < most ? 1 : 0;
-}
-
-KEMO_API int BlKLIBIsConnected(int services)
-{
-    return KLIBConnectionCountGet(services) > 0 ? 1 : 0;
-}
-
 KEMO_API int KLIBKemoIndexAdd(const char *path)
 {
     return notify_media(path, "supportmediaservice", "photo,video,music", "/usr/kemo/bin/kemoindex");
@@ -432,6 +403,138 @@ KEMO_API int KLIBKemoIndexAdd(const char *path)
 KEMO_API int KLIBSignalKemomkthumbd(const char *path)
 {
     return notify_media(path, "supportphoto", "photo", "/usr/kemo/bin/kemomkthumb");
+}
+
+
+KEMO_API int BlProcessIsAlive(const char *name)
+{
+    // A name starting with "-" would be an option of grep.
+    if (name == nullptr || *name == '\0' || *name == '-')
+        return kemo::fail(0, ERR_BAD_PARAMETERS);
+    return kemo::edge(0, [&] {
+        constexpr std::size_t command_size = 1024;
+        const auto command = kemo::shell_command("/bin/ps | /bin/grep %s | /bin/grep -v grep", {name});
+        if (!command || command->size() >= command_size)
+            return kemo::fail(0, ERR_BAD_PARAMETERS);
+        const kemo::ShellOutput out = kemo::shell_read(*command, kemo::Output::first_line);
+        return out.started && out.text.find(name) != std::string::npos ? 1 : 0;
+    });
+}
+
+// on != 0 asks the daemon to light the status light (SIGUSR1), 0 to clear
+// it (SIGUSR2).
+KEMO_API int KLIBChangeQormdLight(int on)
+{
+    // Never init, never a process group, whatever the file holds.
+    const int pid = kemo::read_pid_file("/var/run/qormd.pid");
+    if (pid <= 1)
+        return kemo::fail(-1, pid < 0 ? ERR_OPEN_FAILED : ERR_READ_FAILED);
+    if (::kill(pid, on != 0 ? SIGUSR1 : SIGUSR2) != 0)
+        return kemo::fail(-1, ERR_OP_FAILURE);
+    return 0;
+}
+
+// device is a name under /dev/usb ("lp0").  A busy device is tried again
+// every half second, five times in all.
+KEMO_API int KEMOResetPrinter(const char *device)
+{
+    if (device == nullptr || *device == '\0' || std::strchr(device, '/') != nullptr ||
+        std::strcmp(device, ".") == 0 || std::strcmp(device, "..") == 0)
+        return kemo::fail(-1, ERR_BAD_PARAMETERS);
+    const char *const function = __func__; // not the lambda's
+    return kemo::edge(-1, [&] {
+        const std::string path = std::string("/dev/usb/") + device;
+        int fd = -1;
+        for (int attempt = 1; fd < 0; ++attempt) {
+            fd = ::open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+            if (fd >= 0)
+                break;
+            if (errno != EBUSY)
+                return kemo::fail(-1, ERR_OPEN_FAILED);
+            if (attempt == printer_open_attempts) {
+                kemo::log("%s:%d(%s) %s open retry excessed.", __FILE__, __LINE__, function, path.c_str());
+                return kemo::fail(-1, ERR_OPEN_FAILED);
+            }
+            kemo::log("%s:%d(%s) %s device busy, retring...", __FILE__, __LINE__, function, path.c_str());
+            sleep_ms(printer_busy_wait_ms);
+        }
+        int result = 0;
+        if (::ioctl(fd, lp_soft_reset) != 0) {
+            const int why = errno;
+            kemo::log("%s:%d(%s) ioctl LPIOC_SOFT_RESET error:(%d) %s", __FILE__, __LINE__, function, why,
+                      std::strerror(why));
+            result = kemo::fail(-1, ERR_OP_FAILURE);
+        }
+        ::close(fd);
+        return result;
+    });
+}
+
+} // extern "C"
+
+// ---------------------------------------------------------------------------
+// Connection counts of the file servers.  Kept together as one block: they
+// belong with the current-connections functions and move there as a whole.
+
+namespace {
+
+// The servers selected by a KLIB_SERVICE_* mask.
+constexpr std::array<std::pair<int, const char *>, 3> servers{{
+    {KLIB_SERVICE_SMB, "/usr/kemo/sbin/smbd"},
+    {KLIB_SERVICE_AFP, "/usr/kemo/sbin/afpd"},
+    {KLIB_SERVICE_FTP, "/usr/kemo/sbin/ftpd"},
+}};
+constexpr int all_services = KLIB_SERVICE_SMB | KLIB_SERVICE_AFP | KLIB_SERVICE_FTP;
+
+// Each server runs one master and one process per connection.  -1 with
+// the error code set.
+int connection_count(int services)
+{
+    int count = 0;
+    for (const auto &[bit, program] : servers) {
+        if ((services & bit) == 0)
+            continue;
+        const int running = kemo::ps(program, nullptr, 0);
+        if (running < 0)
+            return -1;
+        count += std::max(running - 1, 0);
+    }
+    return count;
+}
+
+} // namespace
+
+extern "C" {
+
+KEMO_API int KLIBConnectionCountGet(int services)
+{
+    if (services == 0 || (services & ~all_services) != 0)
+        return kemo::fail(-1, ERR_BAD_PARAMETERS);
+    return kemo::edge(-1, [&] { return connection_count(services); });
+}
+
+KEMO_API int KLIBConnectionCountLogin(int services)
+{
+    if (services == 0 || (services & ~all_services) != 0)
+        return kemo::fail(-1, ERR_BAD_PARAMETERS);
+    return kemo::edge(-1, [&] {
+        const int count = connection_count(services);
+        if (count < 0)
+            return -1;
+        // Without a valid "maxservices" the model sets no limit.
+        const auto value = kemo::settings::get_value(defaults_conf, "maxservices");
+        unsigned long long most = 0;
+        if (!value || !leading_number(*value, most))
+            return 1;
+        return static_cast<unsigned long long>(count) < most ? 1 : 0;
+    });
+}
+
+KEMO_API int BlKLIBIsConnected(int services)
+{
+    if (services == 0 || (services & ~all_services) != 0)
+        return kemo::fail(0, ERR_BAD_PARAMETERS);
+    return kemo::edge(0, [&] { return connection_count(services) > 0 ? 1 : 0; });
 }
 
 } // extern "C"

@@ -3,6 +3,7 @@
 // into a hash, added, replaced and removed; single lines are found, read and
 // replaced by a text pattern.
 #include "kemo_io.hpp"
+#include "kemofile.hpp"
 
 #include <cctype>
 #include <cstring>
@@ -48,7 +49,7 @@ bool matches_section(std::string_view line, std::string_view name) noexcept
 // A section name that can be written as a header and read back.
 bool writable_name(const char *name) noexcept
 {
-    return name != nullptr && std::strpbrk(name, "]\n\r") == nullptr;
+    return name != nullptr && kemo::fits_on_line(name) && std::strchr(name, ']') == nullptr;
 }
 
 // Upper-cases for case-insensitive matching; text that is not valid UTF-8
@@ -179,6 +180,107 @@ int put_line(const char *path, const char *pattern, const std::string &text, int
 
 } // namespace
 
+namespace kemo::sections {
+
+bool line_matches(std::string_view line, std::string_view pattern, int flags)
+{
+    return line_match(line, pattern, flags);
+}
+
+int get_section(const char *path, const char *name, PKLIBSZHASH *phash)
+{
+    bool inside = false;
+    std::string scratch;
+    if (kemo::for_each_line(path, [&](std::string_view line) {
+            if (!inside) {
+                inside = matches_section(line, name);
+                return 1;
+            }
+            // Any line that begins with "[" ends the body.
+            if (line[0] == '[')
+                return 0;
+            const auto pair = is_comment(line) ? std::nullopt : kemo::split_pair(line);
+            return !pair ? 1 : kemo::set_pair(phash, *pair, scratch) < 0 ? -1 : 1;
+        }) < 0)
+        return -1;
+    return KLIBSzHashPairNum(*phash);
+}
+
+int add_section(const char *path, const char *name, PKLIBSZHASH hash, const char *format)
+{
+    const auto section = render_section(name, hash, format);
+    if (!section)
+        return -1;
+    kemo::FilePtr f = kemo::open_file(path, "r+");
+    if (!f)
+        return fail(-1, ERR_OPEN_FAILED);
+    kemo::LineReader reader(f.get());
+    std::string_view line;
+    bool ended = true;
+    while (reader.next(line)) {
+        if (matches_section(line, name))
+            return 0;
+        ended = line.back() == '\n';
+    }
+    if (reader.failed())
+        return fail(-1, ERR_READ_FAILED);
+    if (!kemo::append_in_place(f.get(), ended ? *section : "\n" + *section))
+        return -1;
+    if (std::fclose(f.release()) != 0)
+        return fail(-1, ERR_WRITE_FAILED);
+    return 1;
+}
+
+int modify_section(const char *path, const char *name, const char *new_name, PKLIBSZHASH hash,
+                   bool replace, const char *format)
+{
+    std::optional<std::string> section;
+    if (replace && !(section = render_section(new_name != nullptr ? new_name : name, hash, format)))
+        return -1;
+    bool inside = false, found = false;
+    const int result = kemo::rewrite_file(
+        path,
+        [&](std::string_view line, kemo::Twin &twin) {
+            if (is_section(line)) {
+                inside = matches_section(line, name);
+                if (inside) {
+                    found = true;
+                    if (replace)
+                        twin.write(*section);
+                    return true;
+                }
+            }
+            // Comments inside a dropped section stay where they were.
+            if (!inside || is_comment(line))
+                twin.write(line);
+            return true;
+        },
+        [](kemo::Twin &, bool) { return 1; }, ERR_READ_FAILED);
+    return result < 0 ? -1 : (found ? 1 : 0);
+}
+
+// Sets one key of a section: an absent section is first added (its header
+// alone), then the section is read, changed and written back whole.
+int set_section_key(const char *path, const char *section, const char *key, const char *value,
+                    const char *format)
+{
+    std::unique_ptr<KLIBSZHASH, void (*)(PKLIBSZHASH)> hash(PshKLIBSzHashAlloc(1024), KLIBSzHashFree);
+    if (!hash)
+        return fail(-1, ERR_OUT_OF_MEMORY);
+    const int added = add_section(path, section, hash.get(), format);
+    if (added < 0)
+        return -1;
+    PKLIBSZHASH h = hash.release();
+    const bool filled = (added == 1 || get_section(path, section, &h) >= 0) &&
+                        KLIBSzHashSetValue(&h, key, value) >= 0;
+    hash.reset(h);
+    if (!filled)
+        return -1;
+    return modify_section(path, section, nullptr, hash.get(), true, format);
+}
+
+} // namespace kemo::sections
+
 extern "C" {
 
 KEMO_API int KLIBIFileIsSection(const char *line, int length)
@@ -227,122 +329,59 @@ KEMO_API int KLIBFileGetSection(const char *path, const char *name, PKLIBSZHASH 
 {
     if (path == nullptr || name == nullptr || phash == nullptr || *phash == nullptr)
         return fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        bool inside = false;
-        std::string scratch;
-        if (kemo::for_each_line(path, [&](std::string_view line) {
-                if (!inside) {
-                    inside = matches_section(line, name);
-                    return 1;
-                }
-                // Any line that begins with "[" ends the body.
-                if (line[0] == '[')
-                    return 0;
-                const auto pair = is_comment(line) ? std::nullopt : kemo::split_pair(line);
-                return !pair ? 1 : kemo::set_pair(phash, *pair, scratch) < 0 ? -1 : 1;
-            }) < 0)
-            return -1;
-        return KLIBSzHashPairNum(*phash);
-    });
+    return kemo::edge(-1, [&] { return kemo::sections::get_section(path, name, phash); });
 }
 
 KEMO_API int ErrKLIBFileAddSection(const char *path, const char *name, PKLIBSZHASH hash,
                                    const char *format)
 {
-    if (path == nullptr || !writable_name(name))
+    if (path == nullptr || !writable_name(name) || !kemo::hash_fits_on_lines(hash))
         return fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        const auto section = render_section(name, hash, format);
-        if (!section)
-            return -1;
-        kemo::FilePtr f = kemo::open_file(path, "r+");
-        if (!f)
-            return fail(-1, ERR_OPEN_FAILED);
-        kemo::LineReader reader(f.get());
-        std::string_view line;
-        bool ended = true;
-        while (reader.next(line)) {
-            if (matches_section(line, name))
-                return 0;
-            ended = line.back() == '\n';
-        }
-        if (reader.failed())
-            return fail(-1, ERR_READ_FAILED);
-        if (!kemo::append_in_place(f.get(), ended ? *section : "\n" + *section))
-            return -1;
-        if (std::fclose(f.release()) != 0)
-            return fail(-1, ERR_WRITE_FAILED);
-        return 1;
-    });
+    return kemo::edge(-1, [&] { return kemo::sections::add_section(path, name, hash, format); });
 }
 
 KEMO_API int ErrKLIBIFileModifySection(const char *path, const char *name, const char *newName,
                                        PKLIBSZHASH hash, int flags, const char *format)
 {
-    if (path == nullptr || name == nullptr)
+    if (path == nullptr || name == nullptr || !kemo::fits_on_line(name))
         return fail(-1, ERR_BAD_PARAMETERS);
     const bool replace = (flags & 1) != 0;
-    if (replace && (hash == nullptr || !writable_name(newName != nullptr ? newName : name)))
+    if (replace && (hash == nullptr || !writable_name(newName != nullptr ? newName : name) ||
+                    !kemo::hash_fits_on_lines(hash)))
         return fail(-1, ERR_BAD_PARAMETERS);
     return kemo::edge(-1, [&] {
-        std::optional<std::string> section;
-        if (replace && !(section = render_section(newName != nullptr ? newName : name, hash, format)))
-            return -1;
-        bool inside = false, found = false;
-        const int result = kemo::rewrite_file(
-            path,
-            [&](std::string_view line, kemo::Twin &twin) {
-                if (is_section(line)) {
-                    inside = matches_section(line, name);
-                    if (inside) {
-                        found = true;
-                        if (replace)
-                            twin.write(*section);
-                        return true;
-                    }
-                }
-                // Comments inside a dropped section stay where they were.
-                if (!inside || is_comment(line))
-                    twin.write(line);
-                return true;
-            },
-            [](kemo::Twin &, bool) { return 1; }, ERR_READ_FAILED);
-        return result < 0 ? -1 : (found ? 1 : 0);
+        return kemo::sections::modify_section(path, name, newName, hash, replace, format);
     });
 }
 
 KEMO_API int ErrKLIBFileRemoveSection(const char *path, const char *name)
 {
-    return ErrKLIBIFileModifySection(path, name, nullptr, nullptr, 0, nullptr);
+    if (path == nullptr || name == nullptr || !kemo::fits_on_line(name))
+        return fail(-1, ERR_BAD_PARAMETERS);
+    return kemo::edge(-1, [&] {
+        return kemo::sections::modify_section(path, name, nullptr, nullptr, false, nullptr);
+    });
 }
 
 KEMO_API int ErrKLIBFileSetSection(const char *path, const char *name, const char *newName,
                                    PKLIBSZHASH hash, const char *format)
 {
-    if (hash == nullptr)
+    if (path == nullptr || name == nullptr || hash == nullptr || !kemo::fits_on_line(name) ||
+        !writable_name(newName != nullptr ? newName : name) || !kemo::hash_fits_on_lines(hash))
         return fail(-1, ERR_BAD_PARAMETERS);
-    return ErrKLIBIFileModifySection(path, name, newName, hash, 1, format);
+    return kemo::edge(-1, [&] {
+        return kemo::sections::modify_section(path, name, newName, hash, true, format);
+    });
 }
 
 KEMO_API int ErrSetSecKeyVal(const char *path, const char *section, const char *key,
                              const char *value, const char *format)
 {
-    if (path == nullptr || section == nullptr || key == nullptr || value == nullptr)
+    // Everything is checked before the section may be added.
+    if (path == nullptr || !writable_name(section) || key == nullptr || value == nullptr ||
+        !kemo::fits_on_line(key) || !kemo::fits_on_line(value))
         return fail(-1, ERR_BAD_PARAMETERS);
-    std::unique_ptr<KLIBSZHASH, void (*)(PKLIBSZHASH)> hash(PshKLIBSzHashAlloc(1024),
-                                                            KLIBSzHashFree);
-    if (!hash)
-        return fail(-1, ERR_OUT_OF_MEMORY);
-    const int added = ErrKLIBFileAddSection(path, section, hash.get(), format);
-    if (added < 0)
-        return -1;
-    PKLIBSZHASH h = hash.release();
-    const bool filled = (added == 1 || KLIBFileGetSection(path, section, &h) >= 0) &&
-                        KLIBSzHashSetValue(&h, key, value) >= 0;
-    hash.reset(h);
-    if (!filled)
-        return -1;
-    return ErrKLIBFileSetSection(path, section, nullptr, hash.get(), format);
+    return kemo::edge(-1, [&] { return kemo::sections::set_section_key(path, section, key, value, format); });
 }
 
 KEMO_API int KLIBFileGetLine(const char *path, const char *pattern, char *buf, int size, int flags)
@@ -371,7 +410,7 @@ KEMO_API int KLIBFileGetLine(const char *path, const char *pattern, char *buf, i
 KEMO_API int KLIBFileSetLine(const char *path, const char *pattern, const char *line, int flags)
 {
     if (path == nullptr || pattern == nullptr || line == nullptr || flags < 0 ||
-        kemo::is_directory(path))
+        !kemo::is_single_line(line) || kemo::is_directory(path))
         return fail(-1, ERR_BAD_PARAMETERS);
     // Changes of the default file system are traced on purpose.
     if (std::strstr(pattern, "defaultfs") != nullptr)
@@ -381,7 +420,8 @@ KEMO_API int KLIBFileSetLine(const char *path, const char *pattern, const char *
 
 KEMO_API int KLIBFileAddLine(const char *path, const char *pattern, const char *line, int flags)
 {
-    if (path == nullptr || line == nullptr || flags < 0 || kemo::is_directory(path))
+    if (path == nullptr || line == nullptr || flags < 0 || !kemo::is_single_line(line) ||
+        kemo::is_directory(path))
         return fail(-1, ERR_BAD_PARAMETERS);
     return kemo::edge(-1, [&] { return put_line(path, pattern, kemo::with_newline(line), flags, false); });
 }

@@ -8,6 +8,7 @@
 #include <gmock/gmock.h>
 #include <sys/mount.h>
 
+#include <dirent.h>
 #include <set>
 
 namespace {
@@ -355,12 +356,175 @@ TEST_F(KeyFile, MergeListAndNames)
     EXPECT_STREQ(SzKLIBSzListGet(list, 2), "/etc/enum/sub");
     KLIBSzListFree(list);
 
+    // "<prefix><pid>-<n>", n counting up; the twins draw from the same
+    // counter, so no name is ever handed out twice.
     char name[32];
+    const std::string prefix = "/tmp/x" + std::to_string(::getpid()) + "-";
     ASSERT_EQ(KLIBFileITmpName("/tmp/x", name, sizeof name), 0);
-    EXPECT_EQ(std::string(name), "/tmp/x" + std::to_string(::getpid()) + "-0");
+    ASSERT_THAT(std::string(name), ::testing::StartsWith(prefix));
+    const int first = std::stoi(std::string(name).substr(prefix.size()));
     ASSERT_EQ(KLIBFileITmpName("/tmp/x", name, sizeof name), 0);
-    EXPECT_EQ(std::string(name), "/tmp/x" + std::to_string(::getpid()) + "-1");
+    EXPECT_EQ(std::string(name), prefix + std::to_string(first + 1));
+    ASSERT_EQ(KLIBFileSetKeyValue(path.c_str(), "k", "v", nullptr), 1);
+    ASSERT_EQ(KLIBFileITmpName("/tmp/x", name, sizeof name), 0);
+    EXPECT_EQ(std::string(name), prefix + std::to_string(first + 3)) << "one name went to the twin";
     EXPECT_EQ(KLIBFileITmpName("/tmp/x", name, 8), -1);
+    EXPECT_STREQ(name, "");
+}
+
+// Caller text with a line break would add lines of the caller's choosing.
+TEST_F(KeyFile, LineBreaksInKeysAndValuesAreRefused)
+{
+    const std::string before = "# settings\nk=v\nlast=x\n";
+    write_file(path, before);
+    const char *p = path.c_str();
+    const auto refused = [&](int result, const std::string &what) {
+        EXPECT_EQ(result, -1) << what;
+        EXPECT_EQ(KLIBErrGet(), ERR_BAD_PARAMETERS) << what;
+        EXPECT_EQ(read_file(path), before) << what;
+    };
+    for (const char *bad : {"v\ndomainjoined=yes", "v\rdomainjoined=yes", "\n", "v\r"}) {
+        const std::string what = std::string("value ") + bad;
+        refused(KLIBFileSetKeyValue(p, "k", bad, nullptr), what);
+        refused(KLIBFileSetKeyValue(p, "new", bad, "%s = %s\n"), what);
+        refused(KLIBIFileSetKeyValue(p, "k", bad, nullptr), what);
+        refused(KLIBFileAppendKey(p, "new", bad, nullptr), what);
+        refused(KLIBFileReplaceSubStr(p, "v", bad), what);
+        refused(KLIBFileSetKeyValue(p, (std::string("domainjoined=yes") + bad).c_str(), "v", nullptr),
+                "key " + what);
+        refused(KLIBFileSetLineByKey(p, "k", (std::string("k=1") + bad + "x=2").c_str()), "line " + what);
+        refused(KLIBFileAddLineByKey(p, "n", (std::string("n=1") + bad + "x=2").c_str()), "line " + what);
+    }
+    refused(KLIBFileSetLineByKey(p, "k", "k=1\r\n"), "only one final LF ends a line");
+    EXPECT_EQ(KLIBFileSetKeyValue("/etc/created.conf", "k", "v\nx=1", nullptr), -1);
+    EXPECT_FALSE(exists("/etc/created.conf")) << "no file is created either";
+
+    // Hashes: every pair is checked before anything is written.
+    for (const auto &[key, value] : {std::pair{"k2", "ok\nroot=1"}, std::pair{"k2\nroot", "1"}}) {
+        Hash h;
+        KLIBSzHashSetValue(&h.h, "k", "fine");
+        KLIBSzHashSetValue(&h.h, key, value);
+        refused(KLIBFileSetKeys(p, h.h, nullptr), std::string("SetKeys ") + key);
+        refused(ErrKLIBFileSetPair(p, h.h, nullptr), std::string("SetPair ") + key);
+        EXPECT_EQ(h["k"], "fine") << "the hash is left as it was";
+        char *data = nullptr;
+        std::size_t size = 0;
+        FILE *out = ::open_memstream(&data, &size);
+        if (key == std::string("k2")) {
+            EXPECT_EQ(KLIBILineKeyMoveHash2File(out, "k2=old\n", h.h, nullptr), -1);
+        }
+        std::fclose(out);
+        EXPECT_EQ(size, 0u);
+        std::free(data);
+    }
+    write_file("/etc/defaults.conf", "a=1\rroot=1\nb=2\n");
+    refused(KLIBFileMergePairs(p, "/etc/defaults.conf", nullptr), "merge");
+}
+
+// A new file gets 0644 whatever the caller's umask allows, narrower only
+// when the umask is.
+TEST_F(KeyFile, NewFilesAreNotWritableByOthers)
+{
+    const mode_t old = ::umask(0);
+    EXPECT_EQ(KLIBFileSetKeyValue("/etc/a.conf", "k", "v", nullptr), 1);
+    EXPECT_EQ(KLIBFileAppendKey("/etc/b.conf", "k", "v", nullptr), 1);
+    EXPECT_EQ(KLIBFileSetLineByKey("/etc/c.conf", "k", "k=v"), 1);
+    ::umask(077);
+    EXPECT_EQ(KLIBFileSetKeyValue("/etc/d.conf", "k", "v", nullptr), 1);
+    ::umask(old);
+    EXPECT_EQ(mode_of("/etc/a.conf"), 0644u);
+    EXPECT_EQ(mode_of("/etc/b.conf"), 0644u);
+    EXPECT_EQ(mode_of("/etc/c.conf"), 0644u);
+    EXPECT_EQ(mode_of("/etc/d.conf"), 0600u);
+}
+
+// Names in /etc that begin with the file's name and a dot: its twins.
+std::vector<std::string> twins_of(const std::string &file)
+{
+    std::vector<std::string> found;
+    const auto slash = file.rfind('/');
+    const std::string dir = file.substr(0, slash), base = file.substr(slash + 1) + ".";
+    DIR *d = ::opendir(dir.c_str());
+    while (const dirent *e = d ? ::readdir(d) : nullptr)
+        if (std::string_view(e->d_name).starts_with(base))
+            found.emplace_back(e->d_name);
+    if (d)
+        ::closedir(d);
+    return found;
+}
+
+// Two writers without the settings lock: each rewrite goes through a twin
+// of its own, so the file is always one whole version; at worst a writer's
+// latest change is overwritten by the other's copy.
+TEST_F(KeyFile, WritersWithoutTheLockNeverShareATwin)
+{
+    write_file(path, "# shared\n");
+    constexpr int rounds = 400;
+    int start[2];
+    ASSERT_EQ(::pipe(start), 0);
+    std::vector<pid_t> children;
+    for (const char *key : {"left", "right"}) {
+        const pid_t child = ::fork();
+        if (child == 0) {
+            // Both begin together, so that their rewrites overlap.
+            char go;
+            ::close(start[1]);
+            if (::read(start[0], &go, 1) < 0)
+                ::_exit(2);
+            int failed = 0;
+            for (int i = 0; i < rounds; ++i)
+                failed += KLIBFileSetKeyValue(path.c_str(), key, std::to_string(i).c_str(), nullptr) != 1;
+            ::_exit(failed == 0 ? 0 : 3);
+        }
+        children.push_back(child);
+    }
+    ::close(start[0]);
+    ::close(start[1]);
+    int checks = 0, broken = 0;
+    std::vector<int> statuses(children.size(), -1);
+    for (bool running = true; running;) {
+        std::ifstream in(path, std::ios::binary);
+        std::string first;
+        std::getline(in, first);
+        broken += first != "# shared";
+        ++checks;
+        running = false;
+        for (std::size_t i = 0; i < children.size(); ++i) {
+            if (statuses[i] == -1 && ::waitpid(children[i], &statuses[i], WNOHANG) == 0) {
+                statuses[i] = -1;
+                running = true;
+            }
+        }
+    }
+    for (const int status : statuses)
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "every write succeeded";
+    EXPECT_EQ(broken, 0) << "of " << checks << " reads, the file was empty or torn";
+    const std::vector<std::string> lines = lines_of(path);
+    ASSERT_EQ(lines.size(), 3u) << read_file(path);
+    EXPECT_EQ(lines[0], "# shared");
+    // The last rename carried its writer's final value.
+    const std::string last = std::to_string(rounds - 1);
+    const std::set<std::string> ends(lines.begin() + 1, lines.end());
+    EXPECT_TRUE(ends.count("left=" + last) + ends.count("right=" + last) >= 1) << read_file(path);
+    EXPECT_THAT(twins_of(path), ::testing::IsEmpty());
+}
+
+// The comment writer goes through a twin beside the file like every other
+// writer: no scratch name elsewhere that a planted link could redirect.
+TEST_F(KeyFile, CommentKeepsOwnerModeAndIgnoresPlantedScratchNames)
+{
+    write_file("/etc/victim", "precious\n", 0600);
+    ::mkdir("/etc/skel", 0755);
+    ::unlink("/etc/skel/tempErrKLIBFileComment");
+    ASSERT_EQ(::symlink("/etc/victim", "/etc/skel/tempErrKLIBFileComment"), 0);
+    write_file(path, "a=1\nb=2\n", 0640);
+    ASSERT_EQ(::chown(path.c_str(), 1024, 100), 0);
+    EXPECT_EQ(KLIBFileComment(path.c_str(), "a"), 1);
+    EXPECT_EQ(read_file(path), "#a=1\nb=2\n");
+    EXPECT_EQ(mode_of(path), 0640u);
+    EXPECT_EQ(stat_of(path).st_uid, 1024u);
+    EXPECT_EQ(read_file("/etc/victim"), "precious\n");
+    EXPECT_THAT(twins_of(path), ::testing::IsEmpty());
 }
 
 } // namespace

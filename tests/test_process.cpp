@@ -8,9 +8,10 @@
 
 // The command runner is internal to the library (its symbols are not
 // exported); the test program compiles its own copy of it.
-#include "kemo_process.hpp"
+#include "kemomisc.hpp"
 
 #include <gmock/gmock.h>
+#include <grp.h>
 #include <sys/file.h>
 
 #include <filesystem>
@@ -447,6 +448,49 @@ TEST_F(Services, PrinterResetOpensOnlyUsbDevices)
     EXPECT_EQ(KEMOResetPrinter(nullptr), -1);
     EXPECT_EQ(KEMOResetPrinter("lp0"), -1);
     EXPECT_EQ(KLIBErrGet(), ERR_OPEN_FAILED);
+}
+
+// The process list is read through a pipe: no scratch name in /tmp that a
+// local user could plant a link at (or a directory in the way).
+TEST_F(Ps, NoScratchFileInTmp)
+{
+    const std::string name = unique("kzp");
+    const std::string program = sleeper("/tmp/" + name);
+    Child one({program, "30"});
+    await_exec(one.pid(), program);
+    write_file("/etc/victim", "precious\n", 0600);
+    const std::string scratch = "/tmp/tempKLIBPs" + std::to_string(::getpid());
+    const pid_t planter = ::fork();
+    if (planter == 0) {
+        ::setgroups(0, nullptr);
+        if (::setresgid(65534, 65534, 65534) != 0 || ::setresuid(65534, 65534, 65534) != 0)
+            ::_exit(2);
+        ::_exit(::symlink("/etc/victim", scratch.c_str()) == 0 ? 0 : 3);
+    }
+    int status = 0;
+    ::waitpid(planter, &status, 0);
+    ASSERT_EQ(WEXITSTATUS(status), 0);
+
+    int32_t pids[2] = {-1, -1};
+    EXPECT_EQ(KLIBPs(name.c_str(), pids, 2), 1);
+    EXPECT_EQ(pids[0], one.pid());
+    EXPECT_EQ(read_file("/etc/victim"), "precious\n");
+    EXPECT_TRUE(S_ISLNK(stat_of(scratch).st_mode)) << "the planted name is not even touched";
+    ::unlink(scratch.c_str());
+    ASSERT_EQ(::mkdir(scratch.c_str(), 0755), 0);
+    EXPECT_EQ(BlKLIBIIsProcAlive(name.c_str()), 1) << "a directory in the way changes nothing";
+}
+
+// A path that begins with "-" is a path for du, never an option.
+TEST_F(Sizes, LeadingDashIsAPath)
+{
+    write_file("/tmp/dash/-x/a", std::string(12000, 'a'));
+    std::filesystem::current_path("/tmp/dash");
+    const RunResult du = run({"du", "-sk", "--", "-x"});
+    ASSERT_EQ(du.status, 0);
+    EXPECT_EQ(KLIBGetDirSize("-x"), std::stoull(du.out) * 1024);
+    EXPECT_GT(KLIBGetDirSize("-x"), 0u);
+    EXPECT_EQ(KLIBGetDirSize("--version"), 0u) << "no such directory";
 }
 
 } // namespace

@@ -144,4 +144,40 @@ TEST_F(SectionFile, PatternLines)
     EXPECT_EQ(read_file("/etc/created.conf"), "x=1\n");
 }
 
+// A line break in a name, key or value would add sections and keys of the
+// caller's choosing ("[homes]", "root preexec = ...").
+TEST_F(SectionFile, LineBreaksNeverReachTheFile)
+{
+    const std::string before = "[global]\nworkgroup=HOME\n";
+    write_file(path, before);
+    const char *p = path.c_str();
+    const auto refused = [&](int result, const std::string &what) {
+        EXPECT_EQ(result, -1) << what;
+        EXPECT_EQ(KLIBErrGet(), ERR_BAD_PARAMETERS) << what;
+        EXPECT_EQ(read_file(path), before) << what;
+    };
+    for (const char *brk : {"\n", "\r"}) {
+        const std::string evil = std::string("x") + brk + "[homes]" + brk + "root preexec=/bin/sh";
+        refused(ErrSetSecKeyVal(p, "global", "workgroup", evil.c_str(), nullptr), "value");
+        refused(ErrSetSecKeyVal(p, "absent", "k", evil.c_str(), nullptr), "value, new section");
+        refused(ErrSetSecKeyVal(p, "global", evil.c_str(), "1", nullptr), "key");
+        refused(ErrSetSecKeyVal(p, evil.c_str(), "k", "1", nullptr), "section");
+        refused(ErrKLIBFileRemoveSection(p, (std::string("global") + brk).c_str()), "removed name");
+        refused(KLIBFileSetLine(p, "workgroup", evil.c_str(), 0), "line");
+        refused(KLIBFileAddLine(p, nullptr, evil.c_str(), 0), "line");
+
+        PslSzHashRemoveAll(hash);
+        KLIBSzHashSetValue(&hash, "comment", "fine");
+        KLIBSzHashSetValue(&hash, "path", evil.c_str());
+        refused(ErrKLIBFileSetSection(p, "global", nullptr, hash, nullptr), "hash value");
+        refused(ErrKLIBFileAddSection(p, "new", hash, nullptr), "hash value");
+        PslSzHashRemoveAll(hash);
+        KLIBSzHashSetValue(&hash, evil.c_str(), "1");
+        refused(ErrKLIBFileSetSection(p, "global", "renamed", hash, nullptr), "hash key");
+        refused(ErrKLIBIFileModifySection(p, "global", nullptr, hash, 1, nullptr), "hash key");
+    }
+    EXPECT_EQ(KLIBFileSetLine(p, "workgroup", "workgroup=OFFICE\n", 0), 1) << "one final newline is the terminator";
+    EXPECT_EQ(read_file(path), "[global]\nworkgroup=OFFICE\n");
+}
+
 } // namespace

@@ -1,6 +1,6 @@
-// The command runner: safe shell commands, popen-style output, and programs
-// run without a shell in a detached child.
-#include "kemo_process.hpp"
+// The process module's command runner: safe shell commands, popen-style
+// output, programs run without a shell in a detached child, and pid files.
+#include "kemomisc.hpp"
 
 #include "kemo_internal.hpp"
 
