@@ -57,7 +57,7 @@ unsigned char g_guard[kGuard];
     va_start(ap, format);
     std::vsnprintf(buf, sizeof buf, format, ap);
     va_end(ap);
-    ::syslog(LOG_ERR, "%s", buf);
+    kemo::log("%s", buf);
 }
 
 const char *base_name(const char *path)
