@@ -1,7 +1,8 @@
 // Process and system helpers: running programs, finding and stopping
 // processes, pid files, file system and directory sizes, the status light
-// and printer reset, and the small notifications of the file servers and
-// media services.  The command runner these use is kemomisc_run.cpp.
+// and printer reset, and the notifications of the media services.  The
+// command runner these use is kemomisc_run.cpp; the connection counts of the
+// file servers live with the current connections (sdk/kemoconn.cpp).
 #include "kemo_internal.hpp"
 #include "kemo_io.hpp"
 #include "kemofile.hpp"
@@ -468,73 +469,6 @@ KEMO_API int KEMOResetPrinter(const char *device)
         ::close(fd);
         return result;
     });
-}
-
-} // extern "C"
-
-// ---------------------------------------------------------------------------
-// Connection counts of the file servers.  Kept together as one block: they
-// belong with the current-connections functions and move there as a whole.
-
-namespace {
-
-// The servers selected by a KLIB_SERVICE_* mask.
-constexpr std::array<std::pair<int, const char *>, 3> servers{{
-    {KLIB_SERVICE_SMB, "/usr/kemo/sbin/smbd"},
-    {KLIB_SERVICE_AFP, "/usr/kemo/sbin/afpd"},
-    {KLIB_SERVICE_FTP, "/usr/kemo/sbin/ftpd"},
-}};
-constexpr int all_services = KLIB_SERVICE_SMB | KLIB_SERVICE_AFP | KLIB_SERVICE_FTP;
-
-// Each server runs one master and one process per connection.  -1 with
-// the error code set.
-int connection_count(int services)
-{
-    int count = 0;
-    for (const auto &[bit, program] : servers) {
-        if ((services & bit) == 0)
-            continue;
-        const int running = kemo::ps(program, nullptr, 0);
-        if (running < 0)
-            return -1;
-        count += std::max(running - 1, 0);
-    }
-    return count;
-}
-
-} // namespace
-
-extern "C" {
-
-KEMO_API int KLIBConnectionCountGet(int services)
-{
-    if (services == 0 || (services & ~all_services) != 0)
-        return kemo::fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] { return connection_count(services); });
-}
-
-KEMO_API int KLIBConnectionCountLogin(int services)
-{
-    if (services == 0 || (services & ~all_services) != 0)
-        return kemo::fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        const int count = connection_count(services);
-        if (count < 0)
-            return -1;
-        // Without a valid "maxservices" the model sets no limit.
-        const auto value = kemo::settings::get_value(defaults_conf, "maxservices");
-        unsigned long long most = 0;
-        if (!value || !leading_number(*value, most))
-            return 1;
-        return static_cast<unsigned long long>(count) < most ? 1 : 0;
-    });
-}
-
-KEMO_API int BlKLIBIsConnected(int services)
-{
-    if (services == 0 || (services & ~all_services) != 0)
-        return kemo::fail(0, ERR_BAD_PARAMETERS);
-    return kemo::edge(0, [&] { return connection_count(services) > 0 ? 1 : 0; });
 }
 
 } // extern "C"

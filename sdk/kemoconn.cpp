@@ -1,15 +1,19 @@
-// The current connections to the file services: the file server's share
-// listing (read from its status tool through a pipe), and the connection
-// files the Apple file server and the FTP server keep, one line per
-// connection.
+// The connections to the file services: who is connected right now (the
+// file server's share listing, read from its status tool through a pipe,
+// and the connection files the Apple file server and the FTP server keep,
+// one line per connection), and how many connections the servers carry.
 #include "kemo_conn.hpp"
 #include "kemo_io.hpp"
-#include "kemo_process.hpp"
+#include "kemofile.hpp"
+#include "kemomisc.hpp"
 
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
+#include <charconv>
+#include <utility>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -69,21 +73,6 @@ std::vector<std::string_view> split_tabs(std::string_view line)
     }
 }
 
-// A twin name beside path that no other user can have planted: the file
-// is created here, exclusively, under a random name (the servers' files
-// lie in directories every user may write to, where a fixed twin name
-// could be a link or a file someone else keeps open).  nullopt when it
-// cannot be created.
-std::optional<std::string> fresh_twin_name(const std::string &path)
-{
-    std::string name = path + ".XXXXXX";
-    const int fd = ::mkostemp(name.data(), O_CLOEXEC);
-    if (fd < 0)
-        return std::nullopt;
-    ::close(fd);
-    return name;
-}
-
 // The Apple and FTP servers keep one line per connection in their file:
 //   pid TAB user TAB client address TAB login time (seconds since the epoch)
 // Lines whose pid no longer runs the server (or that do not parse) are
@@ -115,9 +104,10 @@ int connection_file(PKLIBSZLIST *list, const char *path, const char *daemon, con
     }
     in.reset();
     if (dropped) {
-        const auto twin_path = fresh_twin_name(path);
-        kemo::Twin twin(path, twin_path.value_or(std::string()));
-        bool good = twin_path && twin.open();
+        // The twin gets a name of its own, made exclusively: these files
+        // sit in directories other users can write.
+        kemo::Twin twin(path);
+        bool good = twin.open();
         for (const std::string &k : kept)
             good = good && twin.write(k + '\n');
         if (!good || !twin.commit())
@@ -258,3 +248,69 @@ int current(PKLIBSZLIST *list)
 }
 
 } // namespace kemo::connections
+
+// ---------------------------------------------------------------------------
+// Connection counts of the file servers, from their processes.
+
+namespace {
+
+// The servers selected by a KLIB_SERVICE_* mask.
+constexpr std::array<std::pair<int, const char *>, 3> servers{{
+    {KLIB_SERVICE_SMB, "/usr/kemo/sbin/smbd"},
+    {KLIB_SERVICE_AFP, "/usr/kemo/sbin/afpd"},
+    {KLIB_SERVICE_FTP, "/usr/kemo/sbin/ftpd"},
+}};
+constexpr int all_services = KLIB_SERVICE_SMB | KLIB_SERVICE_AFP | KLIB_SERVICE_FTP;
+
+// Each server runs one master and one process per connection.  -1 with
+// the error code set.
+int connection_count(int services)
+{
+    int count = 0;
+    for (const auto &[bit, program] : servers) {
+        if ((services & bit) == 0)
+            continue;
+        const int running = kemo::ps(program, nullptr, 0);
+        if (running < 0)
+            return -1;
+        count += std::max(running - 1, 0);
+    }
+    return count;
+}
+
+} // namespace
+
+extern "C" {
+
+KEMO_API int KLIBConnectionCountGet(int services)
+{
+    if (services == 0 || (services & ~all_services) != 0)
+        return kemo::fail(-1, ERR_BAD_PARAMETERS);
+    return kemo::edge(-1, [&] { return connection_count(services); });
+}
+
+KEMO_API int KLIBConnectionCountLogin(int services)
+{
+    if (services == 0 || (services & ~all_services) != 0)
+        return kemo::fail(-1, ERR_BAD_PARAMETERS);
+    return kemo::edge(-1, [&] {
+        const int count = connection_count(services);
+        if (count < 0)
+            return -1;
+        // Without a valid "maxservices" the model sets no limit.
+        const auto value = kemo::settings::get_value("/etc.defaults/kemoinfo.conf", "maxservices");
+        unsigned long long most = 0;
+        if (!value || std::from_chars(value->data(), value->data() + value->size(), most).ec != std::errc())
+            return 1;
+        return static_cast<unsigned long long>(count) < most ? 1 : 0;
+    });
+}
+
+KEMO_API int BlKLIBIsConnected(int services)
+{
+    if (services == 0 || (services & ~all_services) != 0)
+        return kemo::fail(0, ERR_BAD_PARAMETERS);
+    return kemo::edge(0, [&] { return connection_count(services) > 0 ? 1 : 0; });
+}
+
+} // extern "C"
