@@ -1247,7 +1247,11 @@ KEMO_API extern uint32_t gimp_status;
 KEMO_API extern PKLIBSZHASH gpshUser;
 
 /* Writes a backup of the sections in mask (KEMO_SYSBKP_ALL: every section)
- * to path, created with mode.  0, or -1 with the partial file removed. */
+ * to path.  The file carries password hashes: it is created exclusively, or
+ * an existing file is reused only when it is a regular file of the caller's
+ * with one name (never through a link, never a FIFO), and it always ends
+ * with at most mode & 0600.  0, or -1 (a file at path that may not be
+ * reused is left alone; a partial file of ours is removed). */
 KEMO_API int KEMOSysbkpExport(const char *path, uint32_t mask, unsigned int mode);
 /* Reads the backup at path and restores the sections in mask (apply 0:
  * check only, nothing changes).  The network services are stopped for the
