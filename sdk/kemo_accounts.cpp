@@ -55,6 +55,29 @@ bool exists(const std::string &path)
     return ::lstat(path.c_str(), &st) == 0;
 }
 
+// The mode of an account file that a transaction creates: the files that
+// hold password hashes are root's alone, the others are read by every
+// program that looks up an account or a share.
+mode_t mode_of_new(std::string_view path)
+{
+    return path == kShadow || path == kSmbpasswd || path == kHtpasswd ? 0600 : 0644;
+}
+
+// Opens the twin of a staged file.  It is created under umask 077, so that
+// not even an empty twin of a secret file is open to others; a twin of a
+// file that does not exist yet then takes the mode of its kind, whatever
+// the caller's umask.
+bool open_twin(Twin &twin, bool fresh)
+{
+    const mode_t caller_mask = ::umask(077);
+    const bool opened = twin.open();
+    ::umask(caller_mask);
+    if (!opened)
+        return false;
+    return !fresh || ::chmod(twin.path().c_str(), mode_of_new(twin.target())) == 0 ||
+           fail(false, ERR_OPEN_FAILED);
+}
+
 bool record_present()
 {
     return ::access(kCommitRecord, F_OK) == 0;
@@ -148,6 +171,16 @@ bool same_name(std::string_view a, std::string_view b)
     const auto ua = upper(a);
     const auto ub = upper(b);
     return ua && ub && *ua == *ub;
+}
+
+bool is_system_group(std::string_view name, long gid) noexcept
+{
+    return gid < kFirstUserGid || equal_nocase(name, "wheel");
+}
+
+bool is_fixed_group(std::string_view name) noexcept
+{
+    return equal_nocase(name, "users") || equal_nocase(name, "administrators");
 }
 
 // ---------------------------------------------------------------- files
@@ -317,9 +350,10 @@ bool Transaction::commit()
     };
 
     // 1. Every new file complete on disk beside the old one.
+    // The twins' fixed names are what lets recover() find them.
     for (const auto &[target, text] : files_) {
-        Twin twin(target);
-        if (!twin.open() || !twin.write(text) || !twin.finish()) {
+        Twin twin(target, twin_of(target));
+        if (!open_twin(twin, !exists(target)) || !twin.write(text) || !twin.finish()) {
             KEMO_LOG("writing %s failed", twin.path().c_str());
             discard();
             return fail(false, ERR_WRITE_FAILED);
@@ -343,8 +377,8 @@ bool Transaction::commit()
     for (const std::string &target : targets)
         record.append(target).push_back('\n');
     {
-        Twin twin(kCommitRecord);
-        if (!twin.open() || !twin.write(record) || !twin.commit()) {
+        Twin twin(kCommitRecord, twin_of(kCommitRecord));
+        if (!open_twin(twin, false) || !twin.write(record) || !twin.commit()) {
             discard();
             return fail(false, ERR_WRITE_FAILED);
         }

@@ -71,6 +71,25 @@ private:
     bool held_ = false;
 };
 
+// Accounts and groups of the system itself, which no account function may
+// rename, change, give a password, delete or restore over: users below uid
+// 1024 (root, the daemons) and from 65534 up (the "nobody" ids, whose name
+// is also the sentinel member of every list); groups below gid 100, and
+// "wheel" under any gid (its members may become root).  The appliance's own
+// accounts "admin" (1024) and "guest" (1025) are not system accounts.
+inline constexpr long kFirstUserUid = 1024;
+inline constexpr long kNobodyUid = 65534;
+inline constexpr long kFirstUserGid = 100;
+constexpr bool is_system_user(long uid) noexcept
+{
+    return uid < kFirstUserUid || uid >= kNobodyUid;
+}
+bool is_system_group(std::string_view name, long gid) noexcept;
+// Groups the appliance relies on by name: "users" (every local user) and
+// "administrators".  They keep their names and are never deleted, though
+// their members may change.
+bool is_fixed_group(std::string_view name) noexcept;
+
 // The key under which a name compares without regard to case (UTF-8
 // upper-cased in the current locale); nullopt for text that is not UTF-8.
 std::optional<std::string> upper(std::string_view name);

@@ -368,6 +368,10 @@ int set_group(const char *old_name, const char *const *request)
     }
     const bool modify = old_name != nullptr && *old_name != '\0';
     const bool same = modify && acc::same_name(old_name, name);
+    if (!same && acc::is_system_group(name, kFirstGid)) {
+        KEMO_LOG("kemogrp: KEMOGroupSet(): system group name refused; szNewName=%s", name.c_str());
+        return fail(-1, ERR_ACCESS_DENIED);
+    }
 
     acc::Lines file;
     if (!acc::read_lines(acc::kGroup, file))
@@ -398,6 +402,10 @@ int set_group(const char *old_name, const char *const *request)
             return fail(-1, ERR_NO_SUCH_GROUP);
         }
         const Group &g = old->group;
+        if (acc::is_system_group(g.name, g.gid) || (acc::is_fixed_group(g.name) && g.name != name)) {
+            KEMO_LOG("kemogrp: KEMOGroupSet(): group [%s] may not be changed", g.name.c_str());
+            return fail(-1, ERR_ACCESS_DENIED);
+        }
         const bool mirror = (g.flags & kMirrorFlag) != 0;
         file.lines[old->at] = mirror && same
                                   ? group_line(name, g.gid, members, &g, g.flags | kOwnNameFlag)
@@ -476,6 +484,10 @@ int delete_groups(const char *const *names, int count)
             kept.lines.push_back(std::move(file.lines[i]));
             kept.final_newline = i + 1 < file.lines.size() || file.final_newline;
             continue;
+        }
+        if (acc::is_system_group(g->name, g->gid) || acc::is_fixed_group(g->name)) {
+            KEMO_LOG("kemogroup: KEMOGroupDelete(): group [%s] may not be deleted", g->name.c_str());
+            return fail(-1, ERR_ACCESS_DENIED);
         }
         if ((g->flags & kMirrorFlag) != 0) {
             KEMO_LOG(

@@ -39,7 +39,6 @@ using kemo::fail;
 constexpr int kFirstUid = 1024, kLastUid = 2048;
 constexpr int kUidProbes = 1024;
 constexpr int kGuestUid = 1025;
-constexpr int kNobodyUid = 65534; // and above: the system's "nobody" ids
 constexpr int kUserGid = 100;
 constexpr int kMaxNameChars = 64;
 constexpr char kSmbFlags[] = "[U          ]";
@@ -85,6 +84,14 @@ std::optional<long> uid_field(std::string_view line)
         return std::nullopt;
     const auto third = line.find(':', second + 1);
     return number(line.substr(second + 1, third == std::string_view::npos ? third : third - second - 1));
+}
+
+// Whether a passwd line is a system account's (is_system_user); a line
+// without a readable uid counts as one, so that it is never changed.
+bool system_account(std::string_view passwd_line)
+{
+    const auto uid = uid_field(passwd_line);
+    return !uid || is_system_user(*uid);
 }
 
 bool has_line_break(const char *text)
@@ -580,9 +587,8 @@ bool stage_uid_counter(Transaction &txn, int uid)
 // ------------------------------------------------------------ enumeration
 
 // The local part of the user filter over /etc/passwd lines.  Every entry
-// counts toward the sanity check; users are the entries of uid 1024 and up
-// (65534 and above are the system's "nobody" ids, never a person), guest
-// (1025) only with guest support.
+// counts toward the sanity check; users are the entries that are no system
+// accounts, guest (1025) only with guest support.
 struct LocalScan {
     int entries = 0;
     int users = 0;
@@ -597,7 +603,7 @@ struct LocalScan {
         if (colon == 0 || colon == std::string_view::npos || !uid)
             return;
         ++entries;
-        if (*uid < kFirstUid || *uid >= kNobodyUid || (*uid == kGuestUid && !guest))
+        if (is_system_user(*uid) || (*uid == kGuestUid && !guest))
             return;
         ++users;
         if (names != nullptr)
@@ -757,7 +763,7 @@ struct Change {
     long uid = -1;                 // the account's uid once built
 };
 
-enum class Fault { none, invalid, exists, missing };
+enum class Fault { none, invalid, exists, missing, denied };
 
 int fault_result(Fault fault)
 {
@@ -768,6 +774,8 @@ int fault_result(Fault fault)
         return fail(kNameExists, ERR_USER_EXISTS);
     case Fault::missing:
         return fail(kNameMissing, ERR_NO_SUCH_USER);
+    case Fault::denied:
+        return fail(-1, ERR_ACCESS_DENIED);
     case Fault::none:
         break;
     }
@@ -884,6 +892,11 @@ int UserBatch::classify()
         if (c.modify && !passwd_index_.contains(c.old_key)) {
             KEMO_LOG("kemouser: KEMOUserSet(): user [%s] does not exist", u.szOldName);
             record(Fault::missing, u.szName);
+            faulty = true;
+        }
+        if (!faulty && c.modify && system_account(passwd_[passwd_index_.at(c.old_key)])) {
+            KEMO_LOG("kemouser: KEMOUserSet(): user [%s] is a system account", u.szOldName);
+            record(Fault::denied, u.szName);
             faulty = true;
         }
         if (faulty)
@@ -1165,16 +1178,6 @@ void record_sessions(const char *user, std::vector<int32_t> &pids)
         pids.insert(pids.end(), found.begin(), found.begin() + std::min(n, static_cast<int>(found.size())));
 }
 
-// System accounts (uids below 1024, and the "nobody" ids from 65534 up,
-// whose name is also the sentinel member of every list) are not users and
-// are never deleted.
-bool system_account(std::string_view passwd_line)
-{
-    const auto fields = split(passwd_line);
-    const auto uid = fields.size() >= 3 ? number(fields[2]) : std::nullopt;
-    return !uid || *uid < kFirstUid || *uid >= kNobodyUid;
-}
-
 } // namespace
 
 namespace kemo::accounts {
@@ -1208,7 +1211,7 @@ bool stored_users(std::vector<StoredUser> &out)
     for (std::size_t i = 0; i < passwd_file.size(); ++i) {
         const auto pw = split(passwd_file[i]);
         const auto uid = pw.size() == 7 ? number(pw[2]) : std::nullopt;
-        if (!uid || *uid < kFirstUid || *uid >= kNobodyUid)
+        if (!uid || is_system_user(*uid))
             continue;
         StoredUser user;
         user.name = pw[0];

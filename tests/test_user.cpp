@@ -500,4 +500,89 @@ TEST_F(Users, StaticRecordsOfThePasswdFile)
     EXPECT_EQ(KEMOUserRandomNumMap2Seed(INT32_MIN), '0');
 }
 
+// Accounts of the system (uids below 1024, and the "nobody" ids from 65534
+// up) are never renamed, changed or given a password: the batch is refused
+// with ERR_ACCESS_DENIED and every file stays as it was.  The appliance's
+// own accounts admin and guest stay open to changes.
+TEST_F(Users, SystemAccountsAreOutOfReach)
+{
+    write_file(kPasswd, read_file(kPasswd) + "daemon:x:1:1:daemon:/:/bin/false\n"
+                                             "nogroup:x:65535:65535::/:/bin/false\n");
+    write_file(kShadow, read_file(kShadow) + "daemon:*:19000:0:99999:7:::\nnogroup:*:19000:0:99999:7:::\n");
+    ASSERT_EQ(set({user("erin", "pw")}).rc, 0);
+    const auto before = files();
+    auto denied = [&](std::vector<KEMOUSERSET> batch, std::vector<std::string> errors) {
+        const SetResult r = set(std::move(batch));
+        EXPECT_EQ(r.rc, -1);
+        EXPECT_EQ(r.code, ERR_ACCESS_DENIED);
+        EXPECT_EQ(r.errors, errors);
+        EXPECT_EQ(files(), before);
+    };
+    denied({user("toor", "pw", "root")}, {"toor"});                       // rename root toor
+    denied({user("nobody", "letmein", "nobody")}, {"nobody"});            // password nobody
+    denied({user("Root", "x", "ROOT", "owned")}, {"Root"});               // respelled and changed
+    denied({user("daemon", "pw", "daemon")}, {"daemon"});
+    denied({user("nogroup", "pw", "nogroup")}, {"nogroup"});
+    denied({user("fred", "pw"), user("erin", "pw2", "erin"), user("root", "pw", "root")}, {"root"});
+
+    // The same request through the public entry.
+    const KEMOUSERSET rename_root = user("toor", "pw", "root");
+    EXPECT_EQ(KEMOUserSet(KEMO_ACCOUNT_LOCAL, &rename_root, 1), -1);
+    EXPECT_EQ(KLIBErrGet(), ERR_ACCESS_DENIED);
+    EXPECT_EQ(files(), before);
+
+    // admin and guest are the appliance's own: their passwords change, and
+    // admin may be renamed.
+    EXPECT_EQ(set({user("admin", "n3w", "admin"), user("guest", "g", "guest")}).rc, 0);
+    EXPECT_EQ(set({user("boss", "n3w", "admin")}).rc, 0);
+    EXPECT_NE(entry(kPasswd, "boss"), "");
+    EXPECT_EQ(entry(kPasswd, "root"), "root:x:0:0:root:/root:/bin/sh");
+}
+
+// A configuration backup names accounts by name: one whose user section
+// names root must not replace root's password hash.
+TEST_F(Users, ABackupCannotRestoreOverASystemAccount)
+{
+    const char backup_path[] = "/tmp/users.kbk";
+    ASSERT_EQ(set({user("r00t", "hijack", nullptr, "", nullptr)}).rc, 0);
+    ASSERT_EQ(KEMOSysbkpExport(backup_path, 0x100, 0600), 0);
+    std::string backup = read_file(backup_path);
+    const std::string name = std::string("\0\0\0\5r00t\0", 9);
+    const auto at = backup.find(name);
+    ASSERT_NE(at, std::string::npos);
+    backup.replace(at + 4, 4, "root");
+    write_file(backup_path, backup, 0600);
+    const char *gone[] = {"r00t"};
+    ASSERT_EQ(KEMOUserDelete(gone, 1), 1);
+    const auto before = files();
+
+    EXPECT_EQ(KEMOSysbkpImport(backup_path, 0x100, 1), -1);
+    EXPECT_EQ(files(), before);
+    EXPECT_EQ(fields(entry(kShadow, "root"))[1], fields(lines_of(kShadow)[0])[1]);
+}
+
+// Account files that a change creates anew get the mode of their kind,
+// whatever the caller's umask: the secret ones are never readable by
+// others, the public ones readable by every program.
+TEST_F(Users, RecreatedFilesGetTheModeOfTheirKind)
+{
+    ASSERT_EQ(::unlink(kHtpasswd.c_str()), 0);
+    ASSERT_EQ(::unlink(kMail.c_str()), 0);
+    const mode_t old_mask = ::umask(0);
+    const auto r = set({user("admin", "n3w-web", "admin", nullptr, "root@example.com")});
+    ::umask(077);
+    const auto r2 = set({user("fred", "pw", nullptr, "", "f@x")});
+    ASSERT_EQ(::unlink(kMail.c_str()), 0);
+    const auto r3 = set({user("fred", "pw", "fred", "", "f@y")});
+    ::umask(old_mask);
+    ASSERT_EQ(r.rc, 0);
+    ASSERT_EQ(r2.rc, 0);
+    ASSERT_EQ(r3.rc, 0);
+    EXPECT_EQ(mode_of(kHtpasswd), 0600u);
+    EXPECT_EQ(stat_of(kHtpasswd).st_uid, 0u);
+    EXPECT_EQ(read_file(kHtpasswd), "admin:" + fields(entry(kShadow, "admin"))[1] + "\n");
+    EXPECT_EQ(mode_of(kMail), 0644u);
+    EXPECT_EQ(mode_of(kPasswd), 0644u);
+}
+
 } // namespace
