@@ -8,8 +8,10 @@
 #include "kemo_accounts.hpp"
 #include "kemo_io.hpp"
 #include "kemo_passwd.hpp"
+#include "kemo_process.hpp"
 
 #include <pwd.h>
+#include <signal.h>
 #include <sys/random.h>
 #include <unistd.h>
 
@@ -43,7 +45,15 @@ constexpr int kUserGid = 100;
 constexpr int kMaxNameChars = 64;
 constexpr char kSmbFlags[] = "[U          ]";
 constexpr char kAfpdConf[] = "/usr/kemo/etc/afpd.conf";
-constexpr char kSchedulerSignal[] = "/bin/kill -USR1 `cat /var/run/scheduler.pid` > /dev/null 2>&1";
+constexpr char kSchedulerPidFile[] = "/var/run/scheduler.pid";
+
+// The bytes a KEMOUserGet answer needs besides its four texts: the record,
+// the texts' four terminators and one byte more.  On the 32-bit target the
+// record is four pointers and the expiry, 20 bytes, so the documented size
+// is the texts plus 25 there; the same sum stays exact where pointers are
+// wider.
+constexpr std::size_t kUserRecordOverhead = sizeof(KEMOUSER) + 4 + 1;
+static_assert(sizeof(char *) != 4 || kUserRecordOverhead == 25);
 
 // KEMOUserSetLocal results.
 constexpr int kInvalidName = -2, kNameExists = -3, kNameMissing = -4, kCrossDup = -5,
@@ -286,7 +296,7 @@ bool domain_joined()
 void signal_download_scheduler()
 {
     if (setting_of_defaults("support_download") == "yes")
-        KLIBSystem(kSchedulerSignal);
+        kemo::signal_pid_file(kSchedulerPidFile, SIGUSR1);
 }
 
 // ------------------------------------------------------------ /etc/mail
@@ -717,34 +727,29 @@ bool shadow_of(const char *name, std::string &hash, long &expire)
 // ------------------------------------------------------------ AFP guest
 
 // Lets the Apple file server accept guests (guest_has_password false) or
-// not, by its login modules in afpd.conf.  false with the code set.
+// not, by its login modules in afpd.conf, rewritten through a twin that
+// keeps the file's owner and mode.  A file without a "-uamlist" line is
+// left alone.  false with the code set.
 bool set_guest_afpd(bool guest_has_password)
 {
-    if (!kemo::open_file(kAfpdConf, "r")) {
+    Lines conf;
+    if (!read_lines(kAfpdConf, conf)) {
         KEMO_LOG("kemouser: SDKISetGuestAfpd(): %s not found!", kAfpdConf);
         return fail(false, ERR_FILE_NOT_FOUND);
     }
-    const std::string copy = std::string(kAfpdConf) + ".tmp";
-    if (KLIBExec("/bin/cp", "-Rf", kAfpdConf, copy.c_str(), nullptr) != 0) {
-        KEMO_LOG("kemouser: SDKISetGuestAfpd(): /bin/cp -Rf %s %s failed!", kAfpdConf, copy.c_str());
-        std::remove(copy.c_str());
-        return fail(false, ERR_OP_FAILURE);
-    }
-    bool has_uamlist = false;
-    kemo::for_each_line(copy.c_str(), [&](std::string_view line) {
-        has_uamlist = line.find("-uamlist") != std::string_view::npos;
-        return has_uamlist ? 0 : 1;
-    });
-    if (!has_uamlist) {
-        std::remove(copy.c_str());
+    if (std::none_of(conf.lines.begin(), conf.lines.end(), [](const std::string &line) {
+            return line.find("-uamlist") != std::string::npos;
+        }))
         return true;
-    }
-    const int replaced = guest_has_password
-                             ? KLIBFileReplaceSubStr(copy.c_str(), "uams_guest.so", "uams_noguest.so")
-                             : KLIBFileReplaceSubStr(copy.c_str(), "uams_noguest.so", "uams_guest.so");
-    if (replaced < 0 || std::rename(copy.c_str(), kAfpdConf) != 0) {
-        std::remove(copy.c_str());
-        return fail(false, replaced < 0 ? KLIBErrGet() : ERR_RENAME_FAILED);
+    const std::string_view from = guest_has_password ? "uams_guest.so" : "uams_noguest.so";
+    const std::string_view to = guest_has_password ? "uams_noguest.so" : "uams_guest.so";
+    for (std::string &line : conf.lines)
+        for (auto at = line.find(from); at != std::string::npos; at = line.find(from, at + to.size()))
+            line.replace(at, from.size(), to);
+    kemo::Twin twin(kAfpdConf);
+    if (!twin.open() || !twin.write(join_lines(conf)) || !twin.commit()) {
+        KEMO_LOG("kemouser: SDKISetGuestAfpd(): writing %s failed!", kAfpdConf);
+        return false;
     }
     return true;
 }
@@ -1425,8 +1430,8 @@ KEMO_API int KEMOUserGet(int /*reserved*/, int type, const char *name, PKEMOUSER
             return -1;
         const std::string mail = mail_of(stored_name);
 
-        const std::size_t need = sizeof(KEMOUSER) + stored_name.size() + hash.size() +
-                                 stored_desc.size() + mail.size() + 4;
+        const std::size_t need = kUserRecordOverhead + stored_name.size() + hash.size() +
+                                 stored_desc.size() + mail.size();
         *needed = static_cast<int>(need);
         if (out == nullptr)
             return 0;

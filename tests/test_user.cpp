@@ -8,6 +8,8 @@
 
 #include <dlfcn.h>
 #include <pwd.h>
+#include <signal.h>
+#include <sys/wait.h>
 #include <gmock/gmock.h>
 
 #include <cstdlib>
@@ -177,7 +179,10 @@ TEST_F(Users, CreationReachesEveryFileAndTheSystemReaders)
     // The record in two calls, the description decoded.
     int needed = 0;
     EXPECT_EQ(KEMOUserGet(0, 1, "alice", nullptr, 0, &needed), 0);
-    EXPECT_EQ(needed, static_cast<int>(sizeof(KEMOUSER) + 5 + 34 + 8 + 17 + 4));
+    // The record, the texts with their terminators, and one byte more: 25
+    // besides the texts where pointers take 4 bytes.
+    EXPECT_EQ(needed, static_cast<int>(sizeof(KEMOUSER) + 5 + 34 + 8 + 17 + 4 + 1));
+    static_assert(sizeof(char *) != 4 || sizeof(KEMOUSER) == 20);
     std::vector<KEMOUSER> buffer(static_cast<std::size_t>(needed) / sizeof(KEMOUSER) + 1);
     EXPECT_EQ(KEMOUserGet(0, 1, "alice", buffer.data(), needed - 1, &needed), -1);
     EXPECT_EQ(KLIBErrGet(), ERR_NOT_ENOUGH_MEMORY);
@@ -276,6 +281,51 @@ TEST_F(Users, SamePasswordKeepsEveryHashAndAChangeRenewsThem)
     ASSERT_EQ(set({user("guest", "", "guest")}).rc, 0);
     EXPECT_EQ(read_file(afpd), "- -tcp -uamlist uams_guest.so,uams_dhx.so\n");
     EXPECT_FALSE(exists(afpd + ".tmp"));
+    // The rewrite keeps the file's mode; a file without the module list
+    // stays as it is.
+    write_file(afpd, "# guest: uams_guest.so\n- -tcp -uamlist uams_guest.so\n", 0640);
+    ASSERT_EQ(set({user("guest", "g", "guest")}).rc, 0);
+    EXPECT_EQ(read_file(afpd), "# guest: uams_noguest.so\n- -tcp -uamlist uams_noguest.so\n");
+    EXPECT_EQ(mode_of(afpd), 0640u);
+    write_file(afpd, "- -tcp uams_guest.so\n");
+    ASSERT_EQ(set({user("guest", "g", "guest")}).rc, 0);
+    EXPECT_EQ(read_file(afpd), "- -tcp uams_guest.so\n");
+}
+
+// After a change of users the download scheduler, on models that have one,
+// gets SIGUSR1 through the pid its pid file names.
+TEST_F(Users, TheDownloadSchedulerIsToldThroughItsPidFile)
+{
+    std::string defaults = read_file(kDefaults);
+    defaults.replace(defaults.find("support_download=\"no\""), 21, "support_download=\"yes\"");
+    write_file(kDefaults, defaults);
+    sigset_t usr1;
+    sigemptyset(&usr1);
+    sigaddset(&usr1, SIGUSR1);
+    int ready[2];
+    ASSERT_EQ(::pipe(ready), 0);
+    const pid_t scheduler = ::fork();
+    if (scheduler == 0) {
+        ::sigprocmask(SIG_BLOCK, &usr1, nullptr);
+        (void)!::write(ready[1], "y", 1);
+        const timespec limit{10, 0};
+        ::_exit(::sigtimedwait(&usr1, nullptr, &limit) == SIGUSR1 ? 0 : 1);
+    }
+    char ok = 0;
+    ASSERT_EQ(::read(ready[0], &ok, 1), 1);
+    write_file("/var/run/scheduler.pid", std::to_string(scheduler) + "\n");
+    ASSERT_EQ(set({user("fred", "pw")}).rc, 0);
+    const KEMOUSERSET again = user("fred", "pw2", "fred");
+    ASSERT_EQ(KEMOUserSet(KEMO_ACCOUNT_LOCAL, &again, 1), 0);
+    int status = -1;
+    ASSERT_EQ(::waitpid(scheduler, &status, 0), scheduler);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the scheduler got no SIGUSR1";
+
+    // A pid file that names no live process signals nothing; the change
+    // itself succeeds.
+    write_file("/var/run/scheduler.pid", std::to_string(scheduler) + "\n");
+    const char *gone[] = {"fred"};
+    EXPECT_EQ(KEMOUserDelete(gone, 1), 1);
 }
 
 TEST_F(Users, RenameCarriesTheAccountIntoEveryList)
