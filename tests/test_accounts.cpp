@@ -14,7 +14,10 @@
 
 #include <fcntl.h>
 #include <csignal>
+#include <chrono>
+#include <ctime>
 #include <map>
+#include <random>
 #include <set>
 
 namespace {
@@ -349,6 +352,80 @@ TEST_F(AccountCommitTest, NamesNeverReachAShell)
     EXPECT_EQ(KEMOUserDelete(gone, 2), 2);
     EXPECT_FALSE(exists("/tmp/pwned"));
     expect_consistent();
+}
+
+// A writer killed at a random moment, hundreds of times: after each kill
+// the next account call settles what it left, and the user files, the
+// group file and the share lists tell one story again, with no twin or
+// commit record left behind.
+TEST_F(AccountCommitTest, WritersKilledAtRandomMomentsLeaveOneStory)
+{
+    std::mt19937 random(static_cast<unsigned>(::getpid()) ^ static_cast<unsigned>(std::time(nullptr)));
+    SCOPED_TRACE("random seed state " + std::to_string(random()));
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(22);
+    int rounds = 0, settled_by_reader = 0;
+    for (; rounds < 500 && std::chrono::steady_clock::now() < deadline; ++rounds) {
+        const std::string round = std::to_string(rounds);
+        const pid_t writer = ::fork();
+        if (writer == 0) {
+            // Creates, renames, changes the password of and deletes users,
+            // and puts them into groups, until it is killed.
+            for (int i = 0;; ++i) {
+                const std::string a = "k" + round + "a" + std::to_string(i);
+                const std::string b = "k" + round + "b" + std::to_string(i);
+                const std::string g = "kg" + round + "x" + std::to_string(i);
+                KEMOUSERSET add[] = {account(a.c_str(), "pw1"), account(b.c_str(), "pw2")};
+                KEMOUserSet(KEMO_ACCOUNT_LOCAL, add, 2);
+                const char *group[] = {g.c_str(), a.c_str(), b.c_str(), nullptr};
+                KEMOGroupSet(KEMO_GROUP_LOCAL, KEMO_ACCOUNT_LOCAL, nullptr, group);
+                const std::string renamed = a + "r";
+                KEMOUSERSET move[] = {account(renamed.c_str(), "pw3", a.c_str())};
+                KEMOUserSet(KEMO_ACCOUNT_LOCAL, move, 1);
+                KEMOUSERSET password[] = {account(b.c_str(), "pw4", b.c_str())};
+                KEMOUserSet(KEMO_ACCOUNT_LOCAL, password, 1);
+                const char *gone[] = {b.c_str()};
+                KEMOUserDelete(gone, 1);
+                const char *groups[] = {g.c_str()};
+                KEMOGroupDelete(groups, 1);
+            }
+        }
+        ::usleep(std::uniform_int_distribution<unsigned>(0, 15000)(random));
+        ::kill(writer, SIGKILL);
+        int status = 0;
+        ::waitpid(writer, &status, 0);
+
+        // A reader first: it completes a commit whose record is there.
+        const bool record = exists("/etc/.accounts.commit");
+        ASSERT_GE(KEMOUserTotalNum(7), 2);
+        ASSERT_FALSE(exists("/etc/.accounts.commit"));
+        settled_by_reader += record;
+        EXPECT_EQ(names_in("/etc/passwd", true), names_in("/usr/kemo/etc/private/smbpasswd"));
+        EXPECT_EQ(names_in("/etc/passwd"), names_in("/etc/shadow"));
+
+        // Then a writer, which also discards twins of a commit that never
+        // began: it removes what the killed writer left of its users and
+        // groups, so the files stay small.
+        std::vector<std::string> users, groups;
+        for (const std::string &name : names_in("/etc/passwd", true))
+            if (name[0] == 'k') users.push_back(name);
+        for (const std::string &name : names_in("/etc/group"))
+            if (name.starts_with("kg")) groups.push_back(name);
+        std::vector<const char *> doomed;
+        for (const std::string &name : users) doomed.push_back(name.c_str());
+        doomed.push_back("no-such-user"); // so that the call is never empty
+        ASSERT_GE(KEMOUserDelete(doomed.data(), static_cast<int>(doomed.size())), 0);
+        if (!groups.empty()) {
+            doomed.clear();
+            for (const std::string &name : groups) doomed.push_back(name.c_str());
+            ASSERT_EQ(KEMOGroupDelete(doomed.data(), static_cast<int>(doomed.size())), 0);
+        }
+        expect_consistent();
+        ASSERT_EQ(names_in("/etc/passwd", true), (std::set<std::string>{"admin", "guest", "alice", "bob"}));
+        if (HasFailure()) break;
+    }
+    EXPECT_GE(rounds, 100);
+    RecordProperty("rounds", rounds);
+    RecordProperty("settled_by_reader", settled_by_reader);
 }
 
 } // namespace
