@@ -208,7 +208,9 @@ KEMO_API int KLIBIGrpScan1(int search, const char *name, int gid)
 
 KEMO_API PKLIBGROUP PgrpKLIBGetLocalGrEnt(void)
 {
-    return kemo::edge<PKLIBGROUP>(nullptr, [] { return scan_next(0, nullptr, 0) == 1 ? &record().group : nullptr; });
+    return kemo::edge<PKLIBGROUP>(nullptr, [] {
+        return scan_next(0, nullptr, 0) == 1 ? &record().group : nullptr;
+    });
 }
 
 KEMO_API PKLIBGROUP PgrpKLIBGetLocalGrNam(const char *name)

@@ -55,20 +55,20 @@ passwd *local_record(const char *name)
     const int found = find_line(kPasswd, name, line);
     if (found <= 0)
         return found == 0 ? fail<passwd *>(nullptr, ERR_NO_SUCH_USER) : nullptr;
-    const auto fields = split(line);
-    if (fields.size() != 7)
+    const auto entry = records::parse_passwd(line);
+    if (!entry)
         return fail<passwd *>(nullptr, ERR_FORMAT_ERROR);
     PwRecord &r = g_local_record;
-    copy_text(r.name, sizeof r.name, fields[0]);
-    copy_text(r.password, sizeof r.password, fields[1]);
-    copy_text(r.gecos, sizeof r.gecos, fields[4]);
-    copy_text(r.dir, sizeof r.dir, fields[5]);
-    copy_text(r.shell, sizeof r.shell, fields[6]);
+    copy_text(r.name, sizeof r.name, entry->name);
+    copy_text(r.password, sizeof r.password, entry->password);
+    copy_text(r.gecos, sizeof r.gecos, entry->gecos);
+    copy_text(r.dir, sizeof r.dir, entry->home);
+    copy_text(r.shell, sizeof r.shell, entry->shell);
     r.pw = passwd{};
     r.pw.pw_name = r.name;
     r.pw.pw_passwd = r.password;
-    r.pw.pw_uid = static_cast<uid_t>(number(fields[2]).value_or(-1));
-    r.pw.pw_gid = static_cast<gid_t>(number(fields[3]).value_or(-1));
+    r.pw.pw_uid = static_cast<uid_t>(entry->uid);
+    r.pw.pw_gid = static_cast<gid_t>(entry->gid);
     r.pw.pw_gecos = r.gecos;
     r.pw.pw_dir = r.dir;
     r.pw.pw_shell = r.shell;
@@ -127,7 +127,7 @@ bool stored_users(std::vector<StoredUser> &out)
     auto by_key = [](const AccountFile &file) {
         std::unordered_map<std::string, std::string_view> lines;
         for (std::size_t i = 0; i < file.size(); ++i)
-            if (const auto name = name_field(file[i]); !name.empty())
+            if (const auto name = name_of(file[i]); !name.empty())
                 lines.try_emplace(key_of(name), file[i]);
         return lines;
     };
@@ -135,21 +135,19 @@ bool stored_users(std::vector<StoredUser> &out)
     const auto smb_lines = by_key(smb_file);
     std::unordered_map<std::string, std::string> mail;
     kemo::for_each_line(kMail, [&](std::string_view line) {
-        if (!line.empty() && line[0] != '#' && line[0] != ';')
-            if (const auto pair = kemo::split_pair(kemo::chomp(line)))
-                mail.try_emplace(key_of(pair->key), pair->value);
+        if (const auto entry = records::parse_mail(kemo::chomp(line)))
+            mail.try_emplace(key_of(entry->name), entry->address);
         return 1;
     });
 
     for (std::size_t i = 0; i < passwd_file.size(); ++i) {
-        const auto pw = split(passwd_file[i]);
-        const auto uid = pw.size() == 7 ? number(pw[2]) : std::nullopt;
-        if (!uid || is_system_user(*uid))
+        const auto pw = records::parse_passwd(passwd_file[i]);
+        if (!pw || is_system_user(pw->uid))
             continue;
         StoredUser user;
-        user.name = pw[0];
-        user.uid = *uid;
-        const std::string encoded(pw[4]);
+        user.name = pw->name;
+        user.uid = pw->uid;
+        const std::string encoded(pw->gecos);
         user.desc.assign(encoded.size() + 1, '\0');
         if (KLIBStrDecodeColon(encoded.c_str(), user.desc.data(), static_cast<int>(encoded.size())) < 0)
             user.desc = encoded;
@@ -157,16 +155,15 @@ bool stored_users(std::vector<StoredUser> &out)
             user.desc.resize(std::strlen(user.desc.c_str()));
         const std::string key = key_of(user.name);
         if (const auto it = shadows.find(key); it != shadows.end()) {
-            const auto sh = split(it->second);
-            if (sh.size() == 9) {
-                user.unix_hash = sh[1];
-                user.expire = static_cast<int32_t>(std::clamp<long>(number(sh[7]).value_or(0), 0, INT32_MAX));
+            if (const auto sh = records::parse_shadow(it->second)) {
+                user.unix_hash = sh->hash;
+                user.expire =
+                    static_cast<int32_t>(std::clamp<long>(decimal(sh->expire).value_or(0), 0, INT32_MAX));
             }
         }
         if (const auto it = smb_lines.find(key); it != smb_lines.end()) {
-            const auto smb = split(it->second);
-            if (smb.size() >= 6)
-                user.lm = smb[2], user.nt = smb[3];
+            if (const auto smb = records::parse_smbpasswd(it->second))
+                user.lm = smb->lm, user.nt = smb->nt;
         }
         if (const auto it = mail.find(key); it != mail.end())
             user.email = it->second;

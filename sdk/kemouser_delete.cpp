@@ -63,7 +63,7 @@ KEMO_API int KEMOUserDelete(const char *const *names, int count)
             if (account == accounts.end() || deleted.contains(key) ||
                 system_account(passwd_file[account->second]))
                 continue;
-            record_sessions(std::string(name_field(passwd_file[account->second])).c_str(), pids);
+            record_sessions(std::string(name_of(passwd_file[account->second])).c_str(), pids);
             deleted.emplace(key, std::nullopt);
             dropped.add(key);
             mail.remove(key);

@@ -39,24 +39,13 @@ std::string mail_of(std::string_view name)
     const std::string key = key_of(name);
     std::string address;
     kemo::for_each_line(kMail, [&](std::string_view line) {
-        if (line.empty() || line[0] == '#' || line[0] == ';')
+        const auto entry = records::parse_mail(kemo::chomp(line));
+        if (!entry || key_of(entry->name) != key)
             return 1;
-        const auto pair = kemo::split_pair(kemo::chomp(line));
-        if (!pair || key_of(pair->key) != key)
-            return 1;
-        address = pair->value;
+        address = entry->address;
         return 0;
     });
     return address;
-}
-
-std::string mail_line(std::string_view name, std::string_view address)
-{
-    std::string line(name);
-    line += "=\"";
-    line += address;
-    line += '"';
-    return line;
 }
 
 // Stages the new /etc/mail when the edit changes it.  false with the code
@@ -102,16 +91,16 @@ bool shadow_of(const char *name, std::string &hash, long &expire)
         KEMO_LOG("cant get line by %s(%X)", name, static_cast<unsigned>(KLIBErrGet()));
         return false;
     }
-    const auto fields = split(line);
-    if (fields.size() != 9) {
+    const auto entry = records::parse_shadow(line);
+    if (!entry) {
         // The line itself holds the hash and stays out of the log.
-        KEMO_LOG("szLine[%s] has %d entries format error", name, static_cast<int>(fields.size()));
+        KEMO_LOG("szLine[%s] has %d entries format error", name,
+                 static_cast<int>(std::count(line.begin(), line.end(), ':') + 1));
         return fail(false, ERR_FORMAT_ERROR);
     }
-    hash = fields[1];
-    expire = number(fields[7]).value_or(0);
+    hash = entry->hash;
+    expire = decimal(entry->expire).value_or(0);
     return true;
 }
-
 
 } // namespace kemo::accounts

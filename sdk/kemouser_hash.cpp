@@ -57,18 +57,9 @@ std::optional<Hashes> hash_password(const char *plain, std::string_view stored)
 
 std::string smbpasswd_line(std::string_view name, long uid, const Hashes &h)
 {
-    char tail[32];
-    std::snprintf(tail, sizeof tail, ":%s:LCT-%08X:", kSmbFlags,
-                  static_cast<unsigned>(std::time(nullptr)));
-    std::string line(name);
-    line += ':';
-    line += std::to_string(uid);
-    line += ':';
-    line += h.lm;
-    line += ':';
-    line += h.nt;
-    line += tail;
-    return line;
+    char changed[16];
+    std::snprintf(changed, sizeof changed, "LCT-%08X", static_cast<unsigned>(std::time(nullptr)));
+    return records::format_smbpasswd({name, uid, h.lm, h.nt, kSmbFlags, changed, ":"});
 }
 
 long today()

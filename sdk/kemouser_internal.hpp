@@ -6,6 +6,7 @@
 
 #include "kemo_accounts.hpp"
 #include "kemo_io.hpp"
+#include "kemo_records.hpp"
 
 #include <algorithm>
 #include <array>
@@ -22,6 +23,9 @@
 
 namespace kemo::accounts {
 
+using records::decimal;
+using records::name_of;
+
 inline constexpr int kGuestUid = 1025;
 inline constexpr int kUserGid = 100;
 inline constexpr int kMaxNameChars = 64;
@@ -34,40 +38,11 @@ inline std::string key_of(std::string_view name)
     return key ? std::move(*key) : std::string(name);
 }
 
-// The name field of an account file line (before the first ':'), or "" for
-// a line that is not an account entry.
-inline std::string_view name_field(std::string_view line)
-{
-    const auto colon = line.find(':');
-    return colon == std::string_view::npos ? std::string_view{} : line.substr(0, colon);
-}
-
-// A decimal field; nullopt when it is not a whole number.
-inline std::optional<long> number(std::string_view text)
-{
-    long value = 0;
-    const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (ec != std::errc{} || end != text.data() + text.size() || text.empty())
-        return std::nullopt;
-    return value;
-}
-
-// The uid (third field) of a passwd line, without splitting the rest.
-inline std::optional<long> uid_field(std::string_view line)
-{
-    const auto first = line.find(':');
-    const auto second = first == std::string_view::npos ? first : line.find(':', first + 1);
-    if (second == std::string_view::npos)
-        return std::nullopt;
-    const auto third = line.find(':', second + 1);
-    return number(line.substr(second + 1, third == std::string_view::npos ? third : third - second - 1));
-}
-
 // Whether a passwd line is a system account's (is_system_user); a line
 // without a readable uid counts as one, so that it is never changed.
 inline bool system_account(std::string_view passwd_line)
 {
-    const auto uid = uid_field(passwd_line);
+    const auto uid = records::passwd_uid(passwd_line);
     return !uid || is_system_user(*uid);
 }
 
@@ -217,7 +192,7 @@ inline LineIndex index_lines(const AccountFile &file, const NameKeys &wanted)
 {
     LineIndex index;
     for (std::size_t i = 0; i < file.size(); ++i) {
-        const std::string_view name = name_field(file[i]);
+        const std::string_view name = name_of(file[i]);
         if (name.empty())
             continue;
         if (auto key = wanted.match(name))
@@ -230,7 +205,7 @@ inline LineIndex index_lines(const AccountFile &file, const NameKeys &wanted)
 inline std::string without_accounts(const AccountFile &file, const NameKeys &drop)
 {
     return file.text([&](std::string_view line) {
-        const std::string_view name = name_field(line);
+        const std::string_view name = name_of(line);
         return !name.empty() && drop.match(name).has_value();
     });
 }
@@ -259,8 +234,6 @@ void signal_download_scheduler();
 
 // The address of an account (compared by name key), "" when none.
 std::string mail_of(std::string_view name);
-// "name=\"address\"".
-std::string mail_line(std::string_view name, std::string_view address);
 
 // Changes of /etc/mail by account key, applied in one pass over the file:
 // the first line of a key is removed, replaced, or keeps its address under
@@ -290,10 +263,8 @@ public:
         std::unordered_set<std::string> seen;
         bool changed = false;
         for (const std::string &line : mail.lines) {
-            const auto pair = line.empty() || line[0] == '#' || line[0] == ';'
-                                  ? std::nullopt
-                                  : kemo::split_pair(line);
-            const std::string key = pair ? key_of(pair->key) : std::string();
+            const auto pair = records::parse_mail(line);
+            const std::string key = pair ? key_of(pair->name) : std::string();
             const auto it = pair ? changes_.find(key) : changes_.end();
             if (it == changes_.end()) {
                 out.lines.push_back(line);
@@ -303,14 +274,14 @@ public:
             if (!seen.insert(key).second)
                 continue; // a later line of the same account
             if (it->second.kind == Kind::set)
-                out.lines.push_back(mail_line(it->second.name, it->second.address));
+                out.lines.push_back(records::format_mail(it->second.name, it->second.address));
             else if (it->second.kind == Kind::rename)
-                out.lines.push_back(mail_line(it->second.name, pair->value));
+                out.lines.push_back(records::format_mail(it->second.name, pair->address));
         }
         for (const std::string &key : order_) {
             const Change &change = changes_.at(key);
             if (change.kind == Kind::set && seen.insert(key).second) {
-                out.lines.push_back(mail_line(change.name, change.address));
+                out.lines.push_back(records::format_mail(change.name, change.address));
                 out.final_newline = true;
                 changed = true;
             }
@@ -370,7 +341,7 @@ struct LocalScan {
     {
         text = kemo::chomp(text);
         const auto colon = text.find(':');
-        const auto uid = uid_field(text);
+        const auto uid = records::passwd_uid(text);
         if (colon == 0 || colon == std::string_view::npos || !uid)
             return;
         ++entries;

@@ -37,7 +37,7 @@ public:
         : last_(last), used_(kLastUid - kFirstUid + 1), snapshot_(creations > kSmallBatch)
     {
         for (std::size_t i = 0; i < passwd_file.size(); ++i)
-            mark(uid_field(passwd_file[i]).value_or(-1));
+            mark(records::passwd_uid(passwd_file[i]).value_or(-1));
         if (snapshot_) {
             setpwent();
             while (const passwd *entry = getpwent())
@@ -96,7 +96,7 @@ private:
 // The last uid handed out; 1024 when the counter is absent or unreadable.
 int last_uid()
 {
-    const auto value = number(setting(kCurUid, "UID"));
+    const auto value = decimal(setting(kCurUid, "UID"));
     return value && *value >= 0 && *value <= INT_MAX ? static_cast<int>(*value) : kFirstUid;
 }
 
@@ -327,7 +327,7 @@ int UserBatch::check_limit()
         KEMO_LOG("kemouser: KEMOUserSet(): SDKIGetUserLimit() returned < 0");
         return fail(-1, ERR_SYS_UNKNOWN);
     }
-    const long allowed = number(setting_of_defaults("maxaccounts")).value_or(0) - scan.users;
+    const long allowed = decimal(setting_of_defaults("maxaccounts")).value_or(0) - scan.users;
     const long wanted = std::count_if(changes_.begin(), changes_.end(),
                                       [](const Change &c) { return !c.modify; });
     if (wanted > 0 && wanted > allowed) {
@@ -349,39 +349,45 @@ bool UserBatch::build_modified(Change &c)
     }
     const std::string old_pw(passwd_[pw_at]);
     const std::string old_sh(shadow_[sh_it->second]);
-    const auto pw = split(old_pw);
-    const auto sh = split(old_sh);
-    if (pw.size() != 7 || !number(pw[2])) {
+    auto pw = records::parse_passwd(old_pw);
+    auto sh = records::parse_shadow(old_sh);
+    if (!pw) {
         KEMO_LOG("writing SZF_PASSWD failed");
         return fail(false, ERR_FORMAT_ERROR);
     }
-    if (sh.size() != 9) {
+    if (!sh) {
         KEMO_LOG("shadow file corrupted");
         return fail(false, ERR_FORMAT_ERROR);
     }
-    const long uid = *number(pw[2]);
+    const long uid = pw->uid;
     c.uid = uid;
 
     // The same-password rule: the stored hash given back keeps everything.
-    c.new_password = u.szPasswd != nullptr && sh[1] != u.szPasswd;
+    c.new_password = u.szPasswd != nullptr && sh->hash != u.szPasswd;
     std::optional<Hashes> hashes;
     if (c.new_password && c.stored != nullptr)
         hashes = Hashes{c.stored->unix_hash, c.stored->lm, c.stored->nt};
-    else if (c.new_password && !(hashes = hash_password(u.szPasswd, sh[1])))
+    else if (c.new_password && !(hashes = hash_password(u.szPasswd, sh->hash)))
         return false;
 
-    const std::string desc = u.szDesc != nullptr ? encoded_desc(u.szDesc) : std::string(pw[4]);
-    passwd_.set(pw_at, std::string(u.szName) + ":x:" + std::to_string(uid) + ':' +
-                           std::to_string(kUserGid) + ':' + desc + ':' + std::string(pw[5]) + ':' +
-                           std::string(pw[6]));
+    // The name, the description and the group change; the home and shell
+    // stay.
+    const std::string desc = u.szDesc != nullptr ? encoded_desc(u.szDesc) : std::string(pw->gecos);
+    pw->name = u.szName;
+    pw->password = "x";
+    pw->gid = kUserGid;
+    pw->gecos = desc;
+    passwd_.set(pw_at, records::format_passwd(*pw));
 
-    const std::string hash = hashes ? hashes->unix_hash : std::string(sh[1]);
-    const std::string changed_day = hashes ? std::to_string(today()) : std::string(sh[2]);
-    std::vector<std::string_view> fields = {u.szName, hash, changed_day, sh[3], sh[4],
-                                            sh[5], sh[6], {}, sh[8]};
+    // A new hash restarts the password's age; the other aging fields stay.
+    const std::string hash = hashes ? hashes->unix_hash : std::string(sh->hash);
+    const std::string changed_day = hashes ? std::to_string(today()) : std::string(sh->changed);
     const std::string expire = expire_field(u.expire);
-    fields[7] = expire;
-    shadow_.set(sh_it->second, join(fields));
+    sh->name = u.szName;
+    sh->hash = hash;
+    sh->changed = changed_day;
+    sh->expire = expire;
+    shadow_.set(sh_it->second, records::format_shadow(*sh));
     if (same_name(u.szName, "admin"))
         admin_hash_ = hash, admin_hash_known_ = true;
 
@@ -391,20 +397,20 @@ bool UserBatch::build_modified(Change &c)
     } else if (hashes) {
         smbpasswd_.put(smb_it == smb_index_.end() ? nullptr : &smb_it->second,
                        smbpasswd_line(u.szName, uid, *hashes));
-    } else if (smb_it != smb_index_.end() && name_field(smbpasswd_[smb_it->second]) != u.szName) {
+    } else if (smb_it != smb_index_.end() && name_of(smbpasswd_[smb_it->second]) != u.szName) {
         // Renamed (or respelled): the line keeps its hashes under the new name.
         const std::string old_smb(smbpasswd_[smb_it->second]);
-        auto smb = split(old_smb);
-        if (smb.size() < 6) {
+        auto smb = records::parse_smbpasswd(old_smb);
+        if (!smb) {
             KEMO_LOG("smbpasswd format error");
             return fail(false, ERR_FORMAT_ERROR);
         }
-        if (number(smb[1]) != uid) {
+        if (smb->uid != uid) {
             KEMO_LOG("internal error: mismatch in smbpasswd uid");
             return fail(false, ERR_FORMAT_ERROR);
         }
-        smb[0] = u.szName;
-        smbpasswd_.set(smb_it->second, join(smb));
+        smb->name = u.szName;
+        smbpasswd_.set(smb_it->second, records::format_smbpasswd(*smb));
     }
 
     if (c.rename()) {
@@ -434,14 +440,16 @@ bool UserBatch::build_new(Change &c, UidAllocator &uids)
                             : hash_password(u.szPasswd, {});
     if (!hashes)
         return false;
-    passwd_.append(
-             std::string(u.szName) + ":x:" + std::to_string(*uid) + ':' + std::to_string(kUserGid) +
-                 ':' + encoded_desc(u.szDesc) + ":/:/bin/csh");
+    // A new account's home is "/" and its shell /bin/csh; its password
+    // ages from today with the appliance's fixed aging fields.
+    const std::string desc = encoded_desc(u.szDesc);
+    passwd_.append(records::format_passwd({u.szName, "x", *uid, kUserGid, desc, "/", "/bin/csh"}));
     // A line left behind by an account removed by other means is replaced.
     const auto sh_it = shadow_index_.find(c.key);
+    const std::string changed_day = std::to_string(today()), expire = expire_field(u.expire);
     shadow_.put(sh_it == shadow_index_.end() ? nullptr : &sh_it->second,
-             std::string(u.szName) + ':' + hashes->unix_hash + ':' + std::to_string(today()) +
-                 ":0:99999:7::" + expire_field(u.expire) + ':');
+                records::format_shadow({u.szName, hashes->unix_hash, changed_day, "0", "99999", "7",
+                                        "", expire, ""}));
     const auto smb_it = smb_index_.find(c.key);
     if (!hashes->nt.empty())
         smbpasswd_.put(smb_it == smb_index_.end() ? nullptr : &smb_it->second,
@@ -549,7 +557,7 @@ int restore_users(const std::vector<StoredUser> &users,
         return -1;
     NameKeys present;
     for (std::size_t i = 0; i < passwd_file.size(); ++i)
-        if (const auto name = name_field(passwd_file[i]); !name.empty())
+        if (const auto name = name_of(passwd_file[i]); !name.empty())
             present.add(key_of(name));
     // An account present under the name is modified (and takes the stored
     // spelling), a missing one created.
