@@ -4,6 +4,7 @@
 #include "kemo_accounts.hpp"
 
 #include "kemo_io.hpp"
+#include "kemo_records.hpp"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -540,16 +541,14 @@ bool stage_list_rewrite(Transaction &txn, const MemberMap &map, std::string_view
     if (!with_group_file)
         return true;
     const bool groups = stage_edited(txn, kGroup, [&](std::string &line) {
-        if (line.empty() || line.front() == '#')
+        auto entry = records::parse_group(line);
+        if (!entry)
             return false;
-        std::vector<std::string_view> fields = split(line);
-        if (fields.size() < 4)
+        const std::string members = rewrite_members(entry->members, map, prefix);
+        if (members == entry->members)
             return false;
-        const std::string members = rewrite_members(fields[3], map, prefix);
-        if (members == fields[3])
-            return false;
-        fields[3] = members;
-        line = join(fields);
+        entry->members = members;
+        line = records::format_group(*entry);
         return true;
     });
     if (!groups)

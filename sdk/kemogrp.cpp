@@ -120,13 +120,9 @@ struct PasswdEntry {
 bool read_passwd(std::vector<PasswdEntry> &out)
 {
     return kemo::for_each_line(acc::kPasswd, [&](std::string_view line) {
-               line = kemo::chomp(line);
-               if (line.empty() || line.front() == '#')
-                   return 1;
-               const auto fields = acc::split(line, ':');
-               int gid = 0;
-               if (fields.size() >= 4 && !fields[0].empty() && to_number(fields[3], gid))
-                   out.push_back({std::string(fields[0]), gid});
+               if (const auto entry = records::parse_passwd(kemo::chomp(line));
+                   entry && entry->gid >= INT_MIN && entry->gid <= INT_MAX)
+                   out.push_back({std::string(entry->name), static_cast<int>(entry->gid)});
                return 1;
            }) == 0;
 }

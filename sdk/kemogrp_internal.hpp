@@ -5,8 +5,10 @@
 
 #include "kemo_accounts.hpp"
 #include "kemo_io.hpp"
+#include "kemo_records.hpp"
 
 #include <charconv>
+#include <climits>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -58,23 +60,22 @@ struct Group {
 // entries (the writers carry them over as they are).
 inline std::optional<Group> parse_group(std::string_view line)
 {
-    line = kemo::chomp(line);
-    if (line.empty() || line.front() == '#')
+    const auto entry = records::parse_group(kemo::chomp(line));
+    if (!entry || entry->gid < INT_MIN || entry->gid > INT_MAX)
         return std::nullopt;
-    const auto fields = acc::split(line, ':');
     Group g;
-    if (fields.size() < 4 || fields[0].empty() || !to_number(fields[2], g.gid))
-        return std::nullopt;
-    g.name = fields[0];
-    g.passwd = fields[1];
-    for (const std::string_view member : acc::split(fields[3], ','))
+    g.name = entry->name;
+    g.passwd = entry->password;
+    g.gid = static_cast<int>(entry->gid);
+    for (const std::string_view member : acc::split(entry->members, ','))
         if (!member.empty() && !is_sentinel(member))
             g.members.emplace_back(member);
-    if (fields.size() > 4 && !to_number(fields[4], g.flags))
+    const auto &tail = entry->tail;
+    if (!tail.empty() && !to_number(tail[0], g.flags))
         g.flags = 0;
-    if (fields.size() > 5)
-        g.name2 = fields[5];
-    if (fields.size() > 6 && !to_number(fields[6], g.number))
+    if (tail.size() > 1)
+        g.name2 = tail[1];
+    if (tail.size() > 2 && !to_number(tail[2], g.number))
         g.number = 0;
     return g;
 }
@@ -82,17 +83,18 @@ inline std::optional<Group> parse_group(std::string_view line)
 // "name:x:gid:nobody,m1,m2,nobody", with ":flags:name2:number" when the
 // tail is written.
 inline std::string group_line(std::string_view name, int gid, const std::vector<std::string> &members,
-                       const Group *tail = nullptr, int tail_flags = 0)
+                              const Group *tail = nullptr, int tail_flags = 0)
 {
-    std::string line(name);
-    line += ":x:" + std::to_string(gid) + ":nobody,";
+    std::string list = "nobody,";
     for (const std::string &m : members)
-        line += m + ',';
-    line += "nobody";
+        list += m + ',';
+    list += "nobody";
+    records::Group entry{name, "x", gid, list, {}};
+    const std::string flags = std::to_string(tail_flags);
+    const std::string number = tail != nullptr ? std::to_string(tail->number) : std::string();
     if (tail != nullptr)
-        line += ':' + std::to_string(tail_flags) + ':' + tail->name2 + ':' +
-                std::to_string(tail->number);
-    return line;
+        entry.tail = {flags, tail->name2, number};
+    return records::format_group(entry);
 }
 
 // The line index and entry of group `key` (upper-cased name) in `file`.
