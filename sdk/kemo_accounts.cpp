@@ -233,17 +233,6 @@ std::vector<std::string_view> split(std::string_view text, char separator)
     }
 }
 
-std::string join(const std::vector<std::string_view> &parts, char separator)
-{
-    std::string out;
-    for (std::size_t i = 0; i < parts.size(); ++i) {
-        if (i != 0)
-            out.push_back(separator);
-        out.append(parts[i]);
-    }
-    return out;
-}
-
 std::string setting(const char *path, const char *key)
 {
     char value[256];

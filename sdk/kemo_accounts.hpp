@@ -110,15 +110,15 @@ std::string join_lines(const Lines &lines);
 
 // Splits at every separator, keeping empty fields.
 std::vector<std::string_view> split(std::string_view text, char separator = ':');
-// Joins with the separator.
-std::string join(const std::vector<std::string_view> &parts, char separator = ':');
 
 // One change of several account files that succeeds or fails as a whole.
 //   Transaction txn;
 //   txn.stage(kPasswd, new_passwd);  txn.stage(kShadow, new_shadow);
 //   if (!txn.commit()) return -1;    // every file as it was
 // commit() writes every staged file's twin ("<path>.tmp", owner and mode of
-// the file it replaces, fsynced), then the commit record naming them, then
+// the file it replaces; a file created anew gets 0600 when it holds
+// password hashes (shadow, smbpasswd, .htpasswd), else 0644; fsynced),
+// then the commit record naming them, then
 // renames the twins in a fixed order: smb.conf, smbpasswd, group, shadow,
 // passwd, then any other file in staging order.  Should a rename fail, the
 // files already replaced are put back and the call fails with
