@@ -361,8 +361,9 @@ TEST_F(AccountCommitTest, NamesNeverReachAShell)
 // commit record left behind.
 TEST_F(AccountCommitTest, WritersKilledAtRandomMomentsLeaveOneStory)
 {
-    std::mt19937 random(static_cast<unsigned>(::getpid()) ^ static_cast<unsigned>(std::time(nullptr)));
-    SCOPED_TRACE("random seed state " + std::to_string(random()));
+    const unsigned seed = static_cast<unsigned>(::getpid()) ^ static_cast<unsigned>(std::time(nullptr));
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937 random(seed);
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(22);
     int rounds = 0, settled_by_reader = 0;
     for (; rounds < 500 && std::chrono::steady_clock::now() < deadline; ++rounds) {
