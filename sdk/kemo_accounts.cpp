@@ -4,6 +4,7 @@
 #include "kemo_accounts.hpp"
 
 #include "kemo_io.hpp"
+#include "kemo_records.hpp"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -53,6 +54,29 @@ bool exists(const std::string &path)
 {
     struct stat st;
     return ::lstat(path.c_str(), &st) == 0;
+}
+
+// The mode of an account file that a transaction creates: the files that
+// hold password hashes are root's alone, the others are read by every
+// program that looks up an account or a share.
+mode_t mode_of_new(std::string_view path)
+{
+    return path == kShadow || path == kSmbpasswd || path == kHtpasswd ? 0600 : 0644;
+}
+
+// Opens the twin of a staged file.  It is created under umask 077, so that
+// not even an empty twin of a secret file is open to others; a twin of a
+// file that does not exist yet then takes the mode of its kind, whatever
+// the caller's umask.
+bool open_twin(Twin &twin, bool fresh)
+{
+    const mode_t caller_mask = ::umask(077);
+    const bool opened = twin.open();
+    ::umask(caller_mask);
+    if (!opened)
+        return false;
+    return !fresh || ::chmod(twin.path().c_str(), mode_of_new(twin.target())) == 0 ||
+           fail(false, ERR_OPEN_FAILED);
 }
 
 bool record_present()
@@ -150,6 +174,16 @@ bool same_name(std::string_view a, std::string_view b)
     return ua && ub && *ua == *ub;
 }
 
+bool is_system_group(std::string_view name, long gid) noexcept
+{
+    return gid < kFirstUserGid || equal_nocase(name, "wheel");
+}
+
+bool is_fixed_group(std::string_view name) noexcept
+{
+    return equal_nocase(name, "users") || equal_nocase(name, "administrators");
+}
+
 // ---------------------------------------------------------------- files
 
 bool read_lines(const char *path, Lines &out, bool missing_ok)
@@ -197,17 +231,6 @@ std::vector<std::string_view> split(std::string_view text, char separator)
             return parts;
         text.remove_prefix(at + 1);
     }
-}
-
-std::string join(const std::vector<std::string_view> &parts, char separator)
-{
-    std::string out;
-    for (std::size_t i = 0; i < parts.size(); ++i) {
-        if (i != 0)
-            out.push_back(separator);
-        out.append(parts[i]);
-    }
-    return out;
 }
 
 std::string setting(const char *path, const char *key)
@@ -317,9 +340,10 @@ bool Transaction::commit()
     };
 
     // 1. Every new file complete on disk beside the old one.
+    // The twins' fixed names are what lets recover() find them.
     for (const auto &[target, text] : files_) {
-        Twin twin(target);
-        if (!twin.open() || !twin.write(text) || !twin.finish()) {
+        Twin twin(target, twin_of(target));
+        if (!open_twin(twin, !exists(target)) || !twin.write(text) || !twin.finish()) {
             KEMO_LOG("writing %s failed", twin.path().c_str());
             discard();
             return fail(false, ERR_WRITE_FAILED);
@@ -343,8 +367,8 @@ bool Transaction::commit()
     for (const std::string &target : targets)
         record.append(target).push_back('\n');
     {
-        Twin twin(kCommitRecord);
-        if (!twin.open() || !twin.write(record) || !twin.commit()) {
+        Twin twin(kCommitRecord, twin_of(kCommitRecord));
+        if (!open_twin(twin, false) || !twin.write(record) || !twin.commit()) {
             discard();
             return fail(false, ERR_WRITE_FAILED);
         }
@@ -506,16 +530,14 @@ bool stage_list_rewrite(Transaction &txn, const MemberMap &map, std::string_view
     if (!with_group_file)
         return true;
     const bool groups = stage_edited(txn, kGroup, [&](std::string &line) {
-        if (line.empty() || line.front() == '#')
+        auto entry = records::parse_group(line);
+        if (!entry)
             return false;
-        std::vector<std::string_view> fields = split(line);
-        if (fields.size() < 4)
+        const std::string members = rewrite_members(entry->members, map, prefix);
+        if (members == entry->members)
             return false;
-        const std::string members = rewrite_members(fields[3], map, prefix);
-        if (members == fields[3])
-            return false;
-        fields[3] = members;
-        line = join(fields);
+        entry->members = members;
+        line = records::format_group(*entry);
         return true;
     });
     if (!groups)

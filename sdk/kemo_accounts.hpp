@@ -71,6 +71,25 @@ private:
     bool held_ = false;
 };
 
+// Accounts and groups of the system itself, which no account function may
+// rename, change, give a password, delete or restore over: users below uid
+// 1024 (root, the daemons) and from 65534 up (the "nobody" ids, whose name
+// is also the sentinel member of every list); groups below gid 100, and
+// "wheel" under any gid (its members may become root).  The appliance's own
+// accounts "admin" (1024) and "guest" (1025) are not system accounts.
+inline constexpr long kFirstUserUid = 1024;
+inline constexpr long kNobodyUid = 65534;
+inline constexpr long kFirstUserGid = 100;
+constexpr bool is_system_user(long uid) noexcept
+{
+    return uid < kFirstUserUid || uid >= kNobodyUid;
+}
+bool is_system_group(std::string_view name, long gid) noexcept;
+// Groups the appliance relies on by name: "users" (every local user) and
+// "administrators".  They keep their names and are never deleted, though
+// their members may change.
+bool is_fixed_group(std::string_view name) noexcept;
+
 // The key under which a name compares without regard to case (UTF-8
 // upper-cased in the current locale); nullopt for text that is not UTF-8.
 std::optional<std::string> upper(std::string_view name);
@@ -91,15 +110,15 @@ std::string join_lines(const Lines &lines);
 
 // Splits at every separator, keeping empty fields.
 std::vector<std::string_view> split(std::string_view text, char separator = ':');
-// Joins with the separator.
-std::string join(const std::vector<std::string_view> &parts, char separator = ':');
 
 // One change of several account files that succeeds or fails as a whole.
 //   Transaction txn;
 //   txn.stage(kPasswd, new_passwd);  txn.stage(kShadow, new_shadow);
 //   if (!txn.commit()) return -1;    // every file as it was
 // commit() writes every staged file's twin ("<path>.tmp", owner and mode of
-// the file it replaces, fsynced), then the commit record naming them, then
+// the file it replaces; a file created anew gets 0600 when it holds
+// password hashes (shadow, smbpasswd, .htpasswd), else 0644; fsynced),
+// then the commit record naming them, then
 // renames the twins in a fixed order: smb.conf, smbpasswd, group, shadow,
 // passwd, then any other file in staging order.  Should a rename fail, the
 // files already replaced are put back and the call fails with

@@ -20,6 +20,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <charconv>
 #include <cstring>
 #include <memory>
@@ -69,7 +70,11 @@ bool is_domain_users(std::string_view group)
 std::optional<std::string> lookup(std::string_view tmpl, std::initializer_list<std::string_view> args,
                                   kemo::Output what = kemo::Output::all)
 {
-    const auto command = kemo::shell_command(tmpl, args);
+    // A word that begins with "-" would be read as one of the tool's
+    // options: no name, group or SID the tool is asked about does.
+    const bool option_like = std::any_of(args.begin(), args.end(),
+                                         [](std::string_view arg) { return arg.starts_with('-'); });
+    const auto command = option_like ? std::nullopt : kemo::shell_command(tmpl, args);
     if (!command)
         return fail(std::optional<std::string>(), ERR_BAD_PARAMETERS);
     kemo::ShellOutput answer = kemo::shell_read(*command, what);

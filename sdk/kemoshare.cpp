@@ -3,6 +3,7 @@
 // done elsewhere; everything here only reads /usr/kemo/etc/smb.conf.
 #include "kemo_accounts.hpp"
 #include "kemo_io.hpp"
+#include "kemo_records.hpp"
 
 #include <pwd.h>
 #include <sys/types.h>
@@ -256,14 +257,13 @@ std::optional<long> local_primary_gid(std::string_view name)
 {
     std::optional<long> gid;
     kemo::for_each_line(kPasswd, [&](std::string_view line) {
-        const auto fields = split(kemo::chomp(line), ':');
-        if (fields.size() < 4 || !same_name(fields[0], name))
+        const std::string_view entry_line = kemo::chomp(line);
+        if (!same_name(kemo::records::name_of(entry_line), name))
             return 1;
-        long value = 0;
-        const auto [end, ec] = std::from_chars(fields[3].data(),
-                                               fields[3].data() + fields[3].size(), value);
-        if (ec == std::errc() && end == fields[3].data() + fields[3].size())
-            gid = value;
+        const auto entry = kemo::records::parse_passwd(entry_line);
+        if (!entry)
+            return 1;
+        gid = entry->gid;
         return 0;
     });
     return gid;

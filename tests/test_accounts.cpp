@@ -8,13 +8,17 @@
 #include "sandbox_fixture.hpp"
 
 #include "kemo.h"
+#include "kemo_records.hpp"
 
 #include <sys/mount.h>
 #include <sys/syscall.h>
 
 #include <fcntl.h>
 #include <csignal>
+#include <chrono>
+#include <ctime>
 #include <map>
+#include <random>
 #include <set>
 
 namespace {
@@ -349,6 +353,157 @@ TEST_F(AccountCommitTest, NamesNeverReachAShell)
     EXPECT_EQ(KEMOUserDelete(gone, 2), 2);
     EXPECT_FALSE(exists("/tmp/pwned"));
     expect_consistent();
+}
+
+// A writer killed at a random moment, hundreds of times: after each kill
+// the next account call settles what it left, and the user files, the
+// group file and the share lists tell one story again, with no twin or
+// commit record left behind.
+TEST_F(AccountCommitTest, WritersKilledAtRandomMomentsLeaveOneStory)
+{
+    const unsigned seed = static_cast<unsigned>(::getpid()) ^ static_cast<unsigned>(std::time(nullptr));
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937 random(seed);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(22);
+    int rounds = 0, settled_by_reader = 0;
+    for (; rounds < 500 && std::chrono::steady_clock::now() < deadline; ++rounds) {
+        const std::string round = std::to_string(rounds);
+        const pid_t writer = ::fork();
+        if (writer == 0) {
+            // Creates, renames, changes the password of and deletes users,
+            // and puts them into groups, until it is killed.
+            for (int i = 0;; ++i) {
+                const std::string a = "k" + round + "a" + std::to_string(i);
+                const std::string b = "k" + round + "b" + std::to_string(i);
+                const std::string g = "kg" + round + "x" + std::to_string(i);
+                KEMOUSERSET add[] = {account(a.c_str(), "pw1"), account(b.c_str(), "pw2")};
+                KEMOUserSet(KEMO_ACCOUNT_LOCAL, add, 2);
+                const char *group[] = {g.c_str(), a.c_str(), b.c_str(), nullptr};
+                KEMOGroupSet(KEMO_GROUP_LOCAL, KEMO_ACCOUNT_LOCAL, nullptr, group);
+                const std::string renamed = a + "r";
+                KEMOUSERSET move[] = {account(renamed.c_str(), "pw3", a.c_str())};
+                KEMOUserSet(KEMO_ACCOUNT_LOCAL, move, 1);
+                KEMOUSERSET password[] = {account(b.c_str(), "pw4", b.c_str())};
+                KEMOUserSet(KEMO_ACCOUNT_LOCAL, password, 1);
+                const char *gone[] = {b.c_str()};
+                KEMOUserDelete(gone, 1);
+                const char *groups[] = {g.c_str()};
+                KEMOGroupDelete(groups, 1);
+            }
+        }
+        ::usleep(std::uniform_int_distribution<unsigned>(0, 15000)(random));
+        ::kill(writer, SIGKILL);
+        int status = 0;
+        ::waitpid(writer, &status, 0);
+
+        // A reader first: it completes a commit whose record is there.
+        const bool record = exists("/etc/.accounts.commit");
+        ASSERT_GE(KEMOUserTotalNum(7), 2);
+        ASSERT_FALSE(exists("/etc/.accounts.commit"));
+        settled_by_reader += record;
+        EXPECT_EQ(names_in("/etc/passwd", true), names_in("/usr/kemo/etc/private/smbpasswd"));
+        EXPECT_EQ(names_in("/etc/passwd"), names_in("/etc/shadow"));
+
+        // Then a writer, which also discards twins of a commit that never
+        // began: it removes what the killed writer left of its users and
+        // groups, so the files stay small.
+        std::vector<std::string> users, groups;
+        for (const std::string &name : names_in("/etc/passwd", true))
+            if (name[0] == 'k') users.push_back(name);
+        for (const std::string &name : names_in("/etc/group"))
+            if (name.starts_with("kg")) groups.push_back(name);
+        std::vector<const char *> doomed;
+        for (const std::string &name : users) doomed.push_back(name.c_str());
+        doomed.push_back("no-such-user"); // so that the call is never empty
+        ASSERT_GE(KEMOUserDelete(doomed.data(), static_cast<int>(doomed.size())), 0);
+        if (!groups.empty()) {
+            doomed.clear();
+            for (const std::string &name : groups) doomed.push_back(name.c_str());
+            ASSERT_EQ(KEMOGroupDelete(doomed.data(), static_cast<int>(doomed.size())), 0);
+        }
+        expect_consistent();
+        ASSERT_EQ(names_in("/etc/passwd", true), (std::set<std::string>{"admin", "guest", "alice", "bob"}));
+        if (HasFailure()) break;
+    }
+    EXPECT_GE(rounds, 100);
+    RecordProperty("rounds", rounds);
+    RecordProperty("settled_by_reader", settled_by_reader);
+}
+
+// Each account file's entries parse into their fields and format back to
+// the same bytes; lines that are no entries are refused, so that writers
+// carry them over untouched.
+TEST(AccountRecords, EntriesRoundTripAndDamagedLinesAreNoEntries)
+{
+    namespace rec = kemo::records;
+    const std::string passwd = "alice:x:1026:100:Team;, A:/:/bin/csh";
+    const auto pw = rec::parse_passwd(passwd);
+    ASSERT_TRUE(pw.has_value());
+    EXPECT_EQ(pw->name, "alice");
+    EXPECT_EQ(pw->uid, 1026);
+    EXPECT_EQ(pw->gecos, "Team;, A");
+    EXPECT_EQ(rec::format_passwd(*pw), passwd);
+    EXPECT_EQ(rec::passwd_uid(passwd), 1026);
+    EXPECT_EQ(rec::passwd_uid("bob:x:"), std::nullopt);
+    for (const char *bad : {"alice:x:1026:100::/", "alice:x:1026:100::/:/bin/csh:extra", "alice:x:10x6:100::/:/bin/csh",
+                            ":x:1026:100::/:/bin/csh", "alice:x::100::/:/bin/csh", ""})
+        EXPECT_FALSE(rec::parse_passwd(bad).has_value()) << bad;
+
+    const std::string shadow = "alice:$1$ab$xyz:20000:0:99999:7::21000:";
+    const auto sh = rec::parse_shadow(shadow);
+    ASSERT_TRUE(sh.has_value());
+    EXPECT_EQ(sh->hash, "$1$ab$xyz");
+    EXPECT_EQ(sh->expire, "21000");
+    EXPECT_EQ(rec::format_shadow(*sh), shadow);
+    EXPECT_FALSE(rec::parse_shadow("alice:$1$ab$xyz:20000:0:99999:7:::1:").has_value());
+
+    const std::string smb = "bob:1027:E52CAC67419A9A224A3B108F3FA6CB6D:8846F7EAEE8FB117AD06BDD830B7586C:[U          ]:LCT-4B3D3B00:";
+    auto sp = rec::parse_smbpasswd(smb);
+    ASSERT_TRUE(sp.has_value());
+    EXPECT_EQ(sp->uid, 1027);
+    EXPECT_EQ(sp->nt, "8846F7EAEE8FB117AD06BDD830B7586C");
+    EXPECT_EQ(sp->rest, ":");
+    EXPECT_EQ(rec::format_smbpasswd(*sp), smb);
+    sp->name = "robert";
+    EXPECT_EQ(rec::format_smbpasswd(*sp), "robert" + smb.substr(3));
+    EXPECT_FALSE(rec::parse_smbpasswd("bob:uid:a:b:c:d:").has_value());
+    EXPECT_FALSE(rec::parse_smbpasswd("bob:1027:a:b:c").has_value());
+
+    for (const std::string group : {"sales:x:65536:nobody,alice,nobody", "Staff:x:70000:nobody,nobody:3:NTStaff:7",
+                                    "nobody:x:65534:"}) {
+        const auto g = rec::parse_group(group);
+        ASSERT_TRUE(g.has_value()) << group;
+        EXPECT_EQ(rec::format_group(*g), group);
+    }
+    EXPECT_EQ(rec::parse_group("Staff:x:70000:nobody,nobody:3:NTStaff:7")->tail.size(), 3u);
+    for (const char *bad : {"#$_@GID__INDEX@_$65537$", "sales:x:65536", "sales:x:gid:nobody", ":x:1:"})
+        EXPECT_FALSE(rec::parse_group(bad).has_value()) << bad;
+
+    const auto mail = rec::parse_mail("alice=\"alice@example.com\"");
+    ASSERT_TRUE(mail.has_value());
+    EXPECT_EQ(mail->name, "alice");
+    EXPECT_EQ(mail->address, "alice@example.com");
+    EXPECT_EQ(rec::format_mail(mail->name, mail->address), "alice=\"alice@example.com\"");
+    for (const char *bad : {"# alice=\"x\"", "; alice=\"x\"", "", "no pair here"})
+        EXPECT_FALSE(rec::parse_mail(bad).has_value()) << bad;
+}
+
+// Lines that are no account entries, and entries a change does not touch,
+// go back to their files byte for byte.
+TEST_F(AccountCommitTest, UntouchedLinesKeepTheirBytes)
+{
+    const std::string odd_passwd = "# local accounts\n \nbroken line\nodd:x:1700:100:  spaced  :/home/odd:/bin/sh\n";
+    const std::string odd_shadow = "# hashes\nodd:!:19000:1:2:3:4:5:6\n";
+    const std::string odd_group = "# groups\nweird:x:notanumber:alice\n";
+    write_file("/etc/passwd", read_file("/etc/passwd") + odd_passwd);
+    write_file("/etc/shadow", read_file("/etc/shadow") + odd_shadow, 0600);
+    write_file("/etc/group", read_file("/etc/group") + odd_group);
+    KEMOUSERSET users[] = {account("alicia", "pw9", "alice")};
+    ASSERT_EQ(KEMOUserSet(KEMO_ACCOUNT_LOCAL, users, 1), 0);
+    EXPECT_NE(read_file("/etc/passwd").find(odd_passwd), std::string::npos);
+    EXPECT_NE(read_file("/etc/shadow").find(odd_shadow), std::string::npos);
+    EXPECT_NE(read_file("/etc/group").find(odd_group), std::string::npos);
+    EXPECT_NE(read_file("/etc/group").find("team:x:65536:nobody,alicia,bob,nobody\n"), std::string::npos);
 }
 
 } // namespace

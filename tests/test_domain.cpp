@@ -102,6 +102,18 @@ TEST_F(DomainTest, LookupsQuoteTheNameForTheShell) {
     EXPECT_EQ(KEMOGetDUserUid("CORP\\ann"), -1);
 }
 
+TEST_F(DomainTest, NamesThatLookLikeOptionsNeverReachTheTool) {
+    char sid[64];
+    for (const char *name : {"--version", "-u", "-"}) {
+        KLIBErrSet(0);
+        EXPECT_EQ(KEMOGetDUserSid(name, sid, sizeof sid), -1) << name;
+        EXPECT_EQ(KLIBErrGet(), ERR_BAD_PARAMETERS) << name;
+        EXPECT_EQ(KEMOGetDUserUid(name), -1) << name;
+    }
+    EXPECT_TRUE(tool_log().empty());
+    EXPECT_EQ(KEMOGetDUserGid("-x"), 10001) << "asked as CORP\\-x, which is no option";
+}
+
 TEST_F(DomainTest, DomainNamesNeedAJoinedDomain) {
     EXPECT_EQ(IsDomainUG(nullptr), -1);
     EXPECT_EQ(IsDomainUG("corp\\ann"), 2);

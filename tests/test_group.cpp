@@ -356,4 +356,42 @@ TEST_F(Groups, MemberListsAndCreationParameters)
     EXPECT_EQ(KLIBErrGet(), ERR_BAD_PARAMETERS);
 }
 
+// Groups of the system (gids below 100, and "wheel") are never renamed,
+// given other members or deleted; "users" and "administrators" keep their
+// names and stay, though their members may change.  A refusal is
+// ERR_ACCESS_DENIED and leaves every file as it was.
+TEST_F(Groups, SystemAndFixedGroupsAreOutOfReach)
+{
+    write_file(kGroup, read_file(kGroup) + "daemon:x:1:nobody,nobody\nwheel:x:70010:nobody,nobody\n"
+                                           "Sales:x:70000:nobody,nobody\n");
+    const std::string before = snapshot();
+    const auto denied = [&](const char *old, std::vector<const char *> group) {
+        KLIBErrSet(0);
+        EXPECT_EQ(set(old, std::move(group)), -1) << old;
+        EXPECT_EQ(KLIBErrGet(), ERR_ACCESS_DENIED) << old;
+        EXPECT_EQ(snapshot(), before);
+    };
+    denied("root", {"root", "admin"});            // group modify root admin
+    denied("ROOT", {"toor"});
+    denied("daemon", {"daemon", "admin"});
+    denied("wheel", {"wheel", "admin"});
+    denied("users", {"people"});
+    denied("administrators", {"admins", "admin"});
+    for (const char *name : {"root", "Users", "administrators", "wheel", "daemon"}) {
+        const char *doomed[] = {"Sales", name};
+        KLIBErrSet(0);
+        EXPECT_EQ(KEMOGroupDelete(doomed, 2), -1) << name;
+        EXPECT_EQ(KLIBErrGet(), ERR_ACCESS_DENIED) << name;
+        EXPECT_EQ(snapshot(), before);
+    }
+
+    // Members of "users" and "administrators" may still change.
+    ASSERT_EQ(set("administrators", {"administrators", "admin", "guest"}), 0);
+    EXPECT_EQ(get("administrators"), (Strings{"administrators", "admin", "guest"}));
+    ASSERT_EQ(set("users", {"users", "guest"}), 0);
+    EXPECT_EQ(get("users"), (Strings{"users", "guest"}));
+    const char *sales[] = {"Sales"};
+    EXPECT_EQ(KEMOGroupDelete(sales, 1), 0);
+}
+
 } // namespace

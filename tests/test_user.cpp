@@ -8,6 +8,8 @@
 
 #include <dlfcn.h>
 #include <pwd.h>
+#include <signal.h>
+#include <sys/wait.h>
 #include <gmock/gmock.h>
 
 #include <cstdlib>
@@ -177,7 +179,10 @@ TEST_F(Users, CreationReachesEveryFileAndTheSystemReaders)
     // The record in two calls, the description decoded.
     int needed = 0;
     EXPECT_EQ(KEMOUserGet(0, 1, "alice", nullptr, 0, &needed), 0);
-    EXPECT_EQ(needed, static_cast<int>(sizeof(KEMOUSER) + 5 + 34 + 8 + 17 + 4));
+    // The record, the texts with their terminators, and one byte more: 25
+    // besides the texts where pointers take 4 bytes.
+    EXPECT_EQ(needed, static_cast<int>(sizeof(KEMOUSER) + 5 + 34 + 8 + 17 + 4 + 1));
+    static_assert(sizeof(char *) != 4 || sizeof(KEMOUSER) == 20);
     std::vector<KEMOUSER> buffer(static_cast<std::size_t>(needed) / sizeof(KEMOUSER) + 1);
     EXPECT_EQ(KEMOUserGet(0, 1, "alice", buffer.data(), needed - 1, &needed), -1);
     EXPECT_EQ(KLIBErrGet(), ERR_NOT_ENOUGH_MEMORY);
@@ -276,6 +281,51 @@ TEST_F(Users, SamePasswordKeepsEveryHashAndAChangeRenewsThem)
     ASSERT_EQ(set({user("guest", "", "guest")}).rc, 0);
     EXPECT_EQ(read_file(afpd), "- -tcp -uamlist uams_guest.so,uams_dhx.so\n");
     EXPECT_FALSE(exists(afpd + ".tmp"));
+    // The rewrite keeps the file's mode; a file without the module list
+    // stays as it is.
+    write_file(afpd, "# guest: uams_guest.so\n- -tcp -uamlist uams_guest.so\n", 0640);
+    ASSERT_EQ(set({user("guest", "g", "guest")}).rc, 0);
+    EXPECT_EQ(read_file(afpd), "# guest: uams_noguest.so\n- -tcp -uamlist uams_noguest.so\n");
+    EXPECT_EQ(mode_of(afpd), 0640u);
+    write_file(afpd, "- -tcp uams_guest.so\n");
+    ASSERT_EQ(set({user("guest", "g", "guest")}).rc, 0);
+    EXPECT_EQ(read_file(afpd), "- -tcp uams_guest.so\n");
+}
+
+// After a change of users the download scheduler, on models that have one,
+// gets SIGUSR1 through the pid its pid file names.
+TEST_F(Users, TheDownloadSchedulerIsToldThroughItsPidFile)
+{
+    std::string defaults = read_file(kDefaults);
+    defaults.replace(defaults.find("support_download=\"no\""), 21, "support_download=\"yes\"");
+    write_file(kDefaults, defaults);
+    sigset_t usr1;
+    sigemptyset(&usr1);
+    sigaddset(&usr1, SIGUSR1);
+    int ready[2];
+    ASSERT_EQ(::pipe(ready), 0);
+    const pid_t scheduler = ::fork();
+    if (scheduler == 0) {
+        ::sigprocmask(SIG_BLOCK, &usr1, nullptr);
+        (void)!::write(ready[1], "y", 1);
+        const timespec limit{10, 0};
+        ::_exit(::sigtimedwait(&usr1, nullptr, &limit) == SIGUSR1 ? 0 : 1);
+    }
+    char ok = 0;
+    ASSERT_EQ(::read(ready[0], &ok, 1), 1);
+    write_file("/var/run/scheduler.pid", std::to_string(scheduler) + "\n");
+    ASSERT_EQ(set({user("fred", "pw")}).rc, 0);
+    const KEMOUSERSET again = user("fred", "pw2", "fred");
+    ASSERT_EQ(KEMOUserSet(KEMO_ACCOUNT_LOCAL, &again, 1), 0);
+    int status = -1;
+    ASSERT_EQ(::waitpid(scheduler, &status, 0), scheduler);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the scheduler got no SIGUSR1";
+
+    // A pid file that names no live process signals nothing; the change
+    // itself succeeds.
+    write_file("/var/run/scheduler.pid", std::to_string(scheduler) + "\n");
+    const char *gone[] = {"fred"};
+    EXPECT_EQ(KEMOUserDelete(gone, 1), 1);
 }
 
 TEST_F(Users, RenameCarriesTheAccountIntoEveryList)
@@ -498,6 +548,91 @@ TEST_F(Users, StaticRecordsOfThePasswdFile)
     EXPECT_EQ(KEMOUserRandomNumMap2Seed(-37), 'b');
     EXPECT_EQ(KEMOUserRandomNumMap2Seed(62 + 64), '.');
     EXPECT_EQ(KEMOUserRandomNumMap2Seed(INT32_MIN), '0');
+}
+
+// Accounts of the system (uids below 1024, and the "nobody" ids from 65534
+// up) are never renamed, changed or given a password: the batch is refused
+// with ERR_ACCESS_DENIED and every file stays as it was.  The appliance's
+// own accounts admin and guest stay open to changes.
+TEST_F(Users, SystemAccountsAreOutOfReach)
+{
+    write_file(kPasswd, read_file(kPasswd) + "daemon:x:1:1:daemon:/:/bin/false\n"
+                                             "nogroup:x:65535:65535::/:/bin/false\n");
+    write_file(kShadow, read_file(kShadow) + "daemon:*:19000:0:99999:7:::\nnogroup:*:19000:0:99999:7:::\n");
+    ASSERT_EQ(set({user("erin", "pw")}).rc, 0);
+    const auto before = files();
+    auto denied = [&](std::vector<KEMOUSERSET> batch, std::vector<std::string> errors) {
+        const SetResult r = set(std::move(batch));
+        EXPECT_EQ(r.rc, -1);
+        EXPECT_EQ(r.code, ERR_ACCESS_DENIED);
+        EXPECT_EQ(r.errors, errors);
+        EXPECT_EQ(files(), before);
+    };
+    denied({user("toor", "pw", "root")}, {"toor"});                       // rename root toor
+    denied({user("nobody", "letmein", "nobody")}, {"nobody"});            // password nobody
+    denied({user("Root", "x", "ROOT", "owned")}, {"Root"});               // respelled and changed
+    denied({user("daemon", "pw", "daemon")}, {"daemon"});
+    denied({user("nogroup", "pw", "nogroup")}, {"nogroup"});
+    denied({user("fred", "pw"), user("erin", "pw2", "erin"), user("root", "pw", "root")}, {"root"});
+
+    // The same request through the public entry.
+    const KEMOUSERSET rename_root = user("toor", "pw", "root");
+    EXPECT_EQ(KEMOUserSet(KEMO_ACCOUNT_LOCAL, &rename_root, 1), -1);
+    EXPECT_EQ(KLIBErrGet(), ERR_ACCESS_DENIED);
+    EXPECT_EQ(files(), before);
+
+    // admin and guest are the appliance's own: their passwords change, and
+    // admin may be renamed.
+    EXPECT_EQ(set({user("admin", "n3w", "admin"), user("guest", "g", "guest")}).rc, 0);
+    EXPECT_EQ(set({user("boss", "n3w", "admin")}).rc, 0);
+    EXPECT_NE(entry(kPasswd, "boss"), "");
+    EXPECT_EQ(entry(kPasswd, "root"), "root:x:0:0:root:/root:/bin/sh");
+}
+
+// A configuration backup names accounts by name: one whose user section
+// names root must not replace root's password hash.
+TEST_F(Users, ABackupCannotRestoreOverASystemAccount)
+{
+    const char backup_path[] = "/tmp/users.kbk";
+    ASSERT_EQ(set({user("r00t", "hijack", nullptr, "", nullptr)}).rc, 0);
+    ASSERT_EQ(KEMOSysbkpExport(backup_path, 0x100, 0600), 0);
+    std::string backup = read_file(backup_path);
+    const std::string name = std::string("\0\0\0\5r00t\0", 9);
+    const auto at = backup.find(name);
+    ASSERT_NE(at, std::string::npos);
+    backup.replace(at + 4, 4, "root");
+    write_file(backup_path, backup, 0600);
+    const char *gone[] = {"r00t"};
+    ASSERT_EQ(KEMOUserDelete(gone, 1), 1);
+    const auto before = files();
+
+    EXPECT_EQ(KEMOSysbkpImport(backup_path, 0x100, 1), -1);
+    EXPECT_EQ(files(), before);
+    EXPECT_EQ(fields(entry(kShadow, "root"))[1], fields(lines_of(kShadow)[0])[1]);
+}
+
+// Account files that a change creates anew get the mode of their kind,
+// whatever the caller's umask: the secret ones are never readable by
+// others, the public ones readable by every program.
+TEST_F(Users, RecreatedFilesGetTheModeOfTheirKind)
+{
+    ASSERT_EQ(::unlink(kHtpasswd.c_str()), 0);
+    ASSERT_EQ(::unlink(kMail.c_str()), 0);
+    const mode_t old_mask = ::umask(0);
+    const auto r = set({user("admin", "n3w-web", "admin", nullptr, "root@example.com")});
+    ::umask(077);
+    const auto r2 = set({user("fred", "pw", nullptr, "", "f@x")});
+    ASSERT_EQ(::unlink(kMail.c_str()), 0);
+    const auto r3 = set({user("fred", "pw", "fred", "", "f@y")});
+    ::umask(old_mask);
+    ASSERT_EQ(r.rc, 0);
+    ASSERT_EQ(r2.rc, 0);
+    ASSERT_EQ(r3.rc, 0);
+    EXPECT_EQ(mode_of(kHtpasswd), 0600u);
+    EXPECT_EQ(stat_of(kHtpasswd).st_uid, 0u);
+    EXPECT_EQ(read_file(kHtpasswd), "admin:" + fields(entry(kShadow, "admin"))[1] + "\n");
+    EXPECT_EQ(mode_of(kMail), 0644u);
+    EXPECT_EQ(mode_of(kPasswd), 0644u);
 }
 
 } // namespace
