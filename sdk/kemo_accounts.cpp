@@ -108,39 +108,24 @@ void remove_leftovers(const std::string &path)
 
 // ---------------------------------------------------------------- locks
 
-FileLock::FileLock(int request, int unlock_mask) : unlock_mask_(unlock_mask)
+ConfigLock account_lock(int request, int unlock_mask)
 {
     const bool writer = (request & KLIB_LOCK_EX) != 0;
     if (!writer && record_present()) {
         // A reader must not see a half-done commit: finish it first.  When
         // this process already holds a shared lock the writer lock cannot
         // be had, and the reader goes on with what is there.
-        if (ErrKLIBFileLock(kAccountWriteLock, kLockTimeout) == 0) {
+        ConfigLock finisher(kAccountWriteLock, kAccountWriteUnlock, kLockTimeout);
+        if (finisher.held())
             recover();
-            ErrKLIBFileUnlock(kAccountWriteUnlock);
-        }
     }
-    held_ = ErrKLIBFileLock(request, kLockTimeout) == 0;
+    ConfigLock lock(request, unlock_mask, kLockTimeout);
     // A writer never builds on a half-done commit it could not complete.
-    if (held_ && writer && !recover()) {
-        ErrKLIBFileUnlock(unlock_mask_);
-        held_ = false;
+    if (lock.held() && writer && !recover()) {
+        lock.release();
         KLIBErrSet(ERR_LOCK_FAILED);
     }
-}
-
-FileLock::~FileLock()
-{
-    if (held_)
-        ErrKLIBFileUnlock(unlock_mask_);
-}
-
-bool FileLock::release()
-{
-    if (!held_)
-        return true;
-    held_ = false;
-    return ErrKLIBFileUnlock(unlock_mask_) == 0 || fail(false, ERR_UNLOCK_FAILED);
+    return lock;
 }
 
 // ---------------------------------------------------------------- names

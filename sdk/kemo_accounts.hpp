@@ -50,26 +50,13 @@ static_assert(kUserReadLock == 21 && kAccountWriteLock == 118 && kGroupReadLock 
               kGroupDeleteLock == 102 && kGroupDescLock == 37 && kShareReadLock == 69);
 inline constexpr int kLockTimeout = 5;
 
-// Holds configuration locks for a scope:
-//   FileLock lock(kAccountWriteLock, kAccountWriteUnlock);
+// Takes the configuration locks of an account operation for a scope:
+//   auto lock = account_lock(kAccountWriteLock, kAccountWriteUnlock);
 //   if (!lock.held()) return fail(-1, ERR_LOCK_FAILED);
 // Taking a writer lock first finishes a commit that a killed process left
 // half done; reader locks do the same (briefly taking the writer lock)
 // when a commit record is present.
-class FileLock {
-public:
-    FileLock(int request, int unlock_mask);
-    ~FileLock();
-    FileLock(const FileLock &) = delete;
-    FileLock &operator=(const FileLock &) = delete;
-    bool held() const noexcept { return held_; }
-    // Releases now; false (ERR_UNLOCK_FAILED set) when the release failed.
-    bool release();
-
-private:
-    int unlock_mask_;
-    bool held_ = false;
-};
+ConfigLock account_lock(int request, int unlock_mask);
 
 // Accounts and groups of the system itself, which no account function may
 // rename, change, give a password, delete or restore over: users below uid
@@ -123,7 +110,7 @@ std::vector<std::string_view> split(std::string_view text, char separator = ':')
 // passwd, then any other file in staging order.  Should a rename fail, the
 // files already replaced are put back and the call fails with
 // ERR_RENAME_FAILED.  Should the process die once the record is written,
-// recover() (run by the next FileLock) completes the renames, so the files
+// recover() (run by the next account_lock) completes the renames, so the files
 // never tell different stories.
 class Transaction {
 public:

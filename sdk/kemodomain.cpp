@@ -9,7 +9,7 @@
 //   domain_group_member  one line per group: group = "member,member"
 #include "kemo_accounts.hpp"
 #include "kemo_io.hpp"
-#include "kemo_process.hpp"
+#include "kemomisc.hpp"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -283,7 +283,7 @@ int refresh_domain_lists()
 // domain group.
 int push_used_users(PKLIBSZLIST *list)
 {
-    FileLock lock(kShareReadLock, kShareReadUnlock);
+    auto lock = account_lock(kShareReadLock, kShareReadUnlock);
     if (!lock.held())
         return fail(-1, ERR_LOCK_FAILED);
     int needed = 0;

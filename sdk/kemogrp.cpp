@@ -106,7 +106,7 @@ bool collect_names(int flags, std::vector<std::string> &names)
 // The same, read under the group readers' lock.
 bool read_names(int flags, std::vector<std::string> &names)
 {
-    acc::FileLock lock(acc::kGroupReadLock, acc::kGroupReadUnlock);
+    auto lock = acc::account_lock(acc::kGroupReadLock, acc::kGroupReadUnlock);
     if (!lock.held())
         return fail(false, ERR_LOCK_FAILED);
     return collect_names(flags, names) && lock.release();
@@ -264,7 +264,7 @@ KEMO_API int KEMOGroupGet(int flags, int type, const char *name, char **out, int
         size < 0 || (out == nullptr && size != 0))
         return fail(-1, ERR_BAD_PARAMETERS);
     return kemo::edge(-1, [&] {
-        acc::FileLock lock(acc::kGroupReadLock, acc::kGroupReadUnlock);
+        auto lock = acc::account_lock(acc::kGroupReadLock, acc::kGroupReadUnlock);
         if (!lock.held())
             return fail(-1, ERR_LOCK_FAILED);
         std::vector<std::string> texts;
@@ -329,7 +329,7 @@ KEMO_API int KEMOGroupGetDesc(const char *name, char *out, int size, int *needed
     if (name == nullptr || needed == nullptr || size < 0 || (out == nullptr && size != 0))
         return fail(-1, ERR_BAD_PARAMETERS);
     return kemo::edge(-1, [&] {
-        acc::FileLock lock(acc::kGroupDescLock, acc::kGroupDescUnlock);
+        auto lock = acc::account_lock(acc::kGroupDescLock, acc::kGroupDescUnlock);
         if (!lock.held())
             return fail(-1, ERR_LOCK_FAILED);
         const auto key = acc::upper(name);

@@ -56,7 +56,7 @@ int set_group(const char *old_name, const char *const *request)
         members.emplace_back(member);
     }
 
-    acc::FileLock lock(acc::kAccountWriteLock, acc::kAccountWriteUnlock);
+    auto lock = acc::account_lock(acc::kAccountWriteLock, acc::kAccountWriteUnlock);
     if (!lock.held()) {
         KEMO_LOG("kemogrp: KEMOGroupSet(): ErrKLIBFileLock() failed");
         return fail(-1, ERR_LOCK_FAILED);
@@ -155,7 +155,7 @@ int set_group(const char *old_name, const char *const *request)
 
 int delete_groups(const char *const *names, int count)
 {
-    acc::FileLock lock(acc::kGroupDeleteLock, acc::kGroupDeleteUnlock);
+    auto lock = acc::account_lock(acc::kGroupDeleteLock, acc::kGroupDeleteUnlock);
     if (!lock.held())
         return fail(-1, ERR_LOCK_FAILED);
     acc::MemberMap doomed;
@@ -262,7 +262,7 @@ KEMO_API int KEMOGroupSetDesc(const char *name, const char *desc)
         }
         encoded.resize(static_cast<std::size_t>(written));
 
-        acc::FileLock lock(kGroupDescWriteLock, acc::kGroupDescUnlock);
+        auto lock = acc::account_lock(kGroupDescWriteLock, acc::kGroupDescUnlock);
         if (!lock.held())
             return fail(-1, ERR_LOCK_FAILED);
         acc::Transaction txn;

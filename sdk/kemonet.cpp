@@ -3,7 +3,7 @@
 // and network services and the web service through their control scripts.
 #include "kemo_internal.hpp"
 #include "kemo_io.hpp"
-#include "kemo_process.hpp"
+#include "kemomisc.hpp"
 
 #include <unistd.h>
 

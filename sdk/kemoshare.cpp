@@ -129,7 +129,7 @@ std::optional<std::vector<std::string>> share_names(int kinds)
 template <class R, class F>
 R under_share_lock(R failure, const char *caller, F &&body)
 {
-    FileLock lock(kShareReadLock, kShareReadUnlock);
+    auto lock = account_lock(kShareReadLock, kShareReadUnlock);
     if (!lock.held()) {
         KEMO_LOG("kemoshare: %s: lock smb.conf failed!", caller);
         return fail(failure, ERR_LOCK_FAILED);
@@ -586,7 +586,7 @@ KEMO_API int KEMOShareEnumbyVolume(int volume, char **out, int size, int *needed
         return fail(-1, ERR_BAD_PARAMETERS);
     return kemo::edge(-1, [&] {
         const std::string mount = "/volume" + std::to_string(volume + 1);
-        FileLock lock(kShareReadLock, kShareReadUnlock);
+        auto lock = account_lock(kShareReadLock, kShareReadUnlock);
         if (!lock.held()) {
             KEMO_LOG("Failed to lock LOCK_SMB");
             return fail(-1, ERR_LOCK_FAILED);

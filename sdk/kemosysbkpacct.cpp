@@ -458,7 +458,7 @@ int export_shares(int fd)
     return kemo::sysbackup::write_section("KEMOSysbkpShareExport", fd, kShareId, [&] {
         std::vector<StoredShare> shares;
         {
-            acc::FileLock lock(acc::kShareReadLock, acc::kShareReadUnlock);
+            auto lock = acc::account_lock(acc::kShareReadLock, acc::kShareReadUnlock);
             if (!lock.held() || !read_shares(shares)) {
                 KEMO_LOG("fail to read %s (%X)", acc::kSmbConf, KLIBErrGet());
                 return false;
@@ -540,7 +540,7 @@ int import_shares(int fd, int apply)
     if (apply == 0 || shares.empty())
         return 0;
 
-    acc::FileLock lock(acc::kAccountWriteLock, acc::kAccountWriteUnlock);
+    auto lock = acc::account_lock(acc::kAccountWriteLock, acc::kAccountWriteUnlock);
     acc::Lines conf;
     if (!lock.held() || !acc::read_lines(acc::kSmbConf, conf)) {
         KEMO_LOG("fail to read %s (%X)", acc::kSmbConf, KLIBErrGet());

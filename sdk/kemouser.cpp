@@ -117,7 +117,7 @@ int collect_users(int flags, std::vector<std::string> *names)
 
 bool stored_users(std::vector<StoredUser> &out)
 {
-    FileLock lock(kUserReadLock, kUserReadUnlock);
+    auto lock = account_lock(kUserReadLock, kUserReadUnlock);
     if (!lock.held())
         return fail(false, ERR_LOCK_FAILED);
     AccountFile passwd_file, shadow_file, smb_file;
@@ -178,7 +178,7 @@ namespace {
 // lock: KEMOUserGet's results.
 int user_record(const char *name, PKEMOUSER out, int size, int *needed)
 {
-    FileLock lock(kUserReadLock, kUserReadUnlock);
+    auto lock = account_lock(kUserReadLock, kUserReadUnlock);
     if (!lock.held())
         return fail(-1, ERR_LOCK_FAILED);
     const passwd *pw = local_record(name);
@@ -318,7 +318,7 @@ KEMO_API int KEMOUserEnum(int flags, char **out, int size, int *needed)
         !enum_arguments_ok(out, size, needed))
         return fail(-1, ERR_BAD_PARAMETERS);
     return kemo::edge(-1, [&] {
-        FileLock lock(kUserReadLock, kUserReadUnlock);
+        auto lock = account_lock(kUserReadLock, kUserReadUnlock);
         if (!lock.held())
             return fail(-1, ERR_LOCK_FAILED);
         std::vector<std::string> names;
@@ -336,7 +336,7 @@ KEMO_API int KEMOUserTotalNum(int flags)
     if (flags != 0 && (flags & 0x07) == 0)
         return fail(-1, ERR_BAD_PARAMETERS);
     return kemo::edge(-1, [&] {
-        FileLock lock(kUserReadLock, kUserReadUnlock);
+        auto lock = account_lock(kUserReadLock, kUserReadUnlock);
         if (!lock.held())
             return fail(-1, ERR_LOCK_FAILED);
         return collect_users(flags, nullptr);

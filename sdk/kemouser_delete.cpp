@@ -34,7 +34,7 @@ KEMO_API int KEMOUserDelete(const char *const *names, int count)
         return fail(-1, ERR_BAD_PARAMETERS);
     }
     return kemo::edge(-1, [&] {
-        FileLock lock(kAccountWriteLock, kAccountWriteUnlock);
+        auto lock = account_lock(kAccountWriteLock, kAccountWriteUnlock);
         if (!lock.held())
             return fail(-1, ERR_LOCK_FAILED);
         const bool guest = guest_support();

@@ -2,7 +2,7 @@
 // scheduler's signal, the mail address file, and lookups of one account's
 // lines.
 #include "kemouser_internal.hpp"
-#include "kemo_process.hpp"
+#include "kemomisc.hpp"
 
 #include <signal.h>
 

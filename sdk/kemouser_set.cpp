@@ -549,7 +549,7 @@ int restore_users(const std::vector<StoredUser> &users,
             return fail(-1, ERR_BAD_PARAMETERS);
         }
     }
-    FileLock lock(kAccountWriteLock, kAccountWriteUnlock);
+    auto lock = account_lock(kAccountWriteLock, kAccountWriteUnlock);
     if (!lock.held())
         return fail(-1, ERR_LOCK_FAILED);
     AccountFile passwd_file;
@@ -607,7 +607,7 @@ int set_local(const KEMOUSERSET *users, int count, PKLIBSZLIST *errorList)
             return fail(-1, ERR_BAD_PARAMETERS);
         }
     }
-    FileLock lock(kAccountWriteLock, kAccountWriteUnlock);
+    auto lock = account_lock(kAccountWriteLock, kAccountWriteUnlock);
     if (!lock.held()) {
         KEMO_LOG("lock file failed");
         return fail(-1, ERR_LOCK_FAILED);
