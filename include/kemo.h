@@ -869,7 +869,8 @@ typedef struct KEMOUSERSET {
 } KEMOUSERSET, *PKEMOUSERSET;
 
 /* The user's record into out (size bytes).  type must be 1.  needed gets
- * sizeof(KEMOUSER) + the four texts' lengths + 4.  0 after a size query
+ * sizeof(KEMOUSER) + the four texts' lengths + 5 (their terminators and
+ * one byte more: texts + 25 on a 32-bit target).  0 after a size query
  * (out NULL, size 0), 1 when filled, -1 with ERR_BAD_PARAMETERS,
  * ERR_LOCK_FAILED, ERR_NO_SUCH_USER, ERR_FORMAT_ERROR or
  * ERR_NOT_ENOUGH_MEMORY (size too small). */
@@ -894,7 +895,10 @@ KEMO_API int KEMOUserSet(int type, const KEMOUSERSET *users, int count);
  * -2 invalid name (ERR_INVALID_USERNAME); -3 a new name exists
  * (ERR_USER_EXISTS); -4 an old name is missing (ERR_NO_SUCH_USER); -5 one
  * name both created and renamed to (code KEMO_ERR_CROSS_DUP_NAME); -6 too
- * many accounts (ERR_TOO_MANY_USERS); -7 the lock could not be released. */
+ * many accounts (ERR_TOO_MANY_USERS); -7 the lock could not be released.
+ * A change, rename or password of a system account (uid below 1024 or
+ * from 65534 up) is -1 with ERR_ACCESS_DENIED, its name in *errorList, and
+ * nothing changes. */
 #define KEMO_ERR_CROSS_DUP_NAME 0x2F00
 KEMO_API int KEMOUserSetLocal(const KEMOUSERSET *users, int count, PKLIBSZLIST *errorList);
 /* Deletes accounts ("root", "admin", NULL and, with guest support, "guest"
@@ -938,9 +942,11 @@ KEMO_API int IsDomainUG(const char *name);
  * "/usr/kemo/bin/wbinfo".  0, or -1 with ERR_SYS_UNKNOWN when the tool
  * fails, ERR_INVALID_DOMAINNAME when no domain is joined. */
 KEMO_API int KEMOWinGetDomainUG(int flags);
-/* The SID of a domain user into out; 0 or -1. */
+/* The SID of a domain user into out; 0 or -1 (ERR_BAD_PARAMETERS for a
+ * name that starts with "-": it never reaches the lookup tool). */
 KEMO_API int KEMOGetDUserSid(const char *name, char *out, int size);
-/* The uid / gid of a domain user, or -1. */
+/* The uid / gid of a domain user, or -1 (ERR_BAD_PARAMETERS for a name
+ * that starts with "-"). */
 KEMO_API int KEMOGetDUserUid(const char *name);
 KEMO_API int KEMOGetDUserGid(const char *name);
 /* Appends every domain user / every domain user named in a share's access
@@ -999,9 +1005,13 @@ KEMO_API int KEMOGroupTotalNum(int flags);
  * group is a KEMOGROUP array.  A rename rewrites "@old" in the share
  * file.  0, or -1 with ERR_BAD_PARAMETERS, ERR_INVALID_GROUPNAME,
  * ERR_GROUP_EXISTS, ERR_NO_SUCH_GROUP, ERR_TOO_MANY_GROUPS,
- * ERR_LOCK_FAILED or ERR_WRITE_FAILED (the files are then unchanged). */
+ * ERR_LOCK_FAILED or ERR_WRITE_FAILED (the files are then unchanged);
+ * ERR_ACCESS_DENIED for a system group (gid below 100, or "wheel"), for
+ * renaming "users" or "administrators", and for making a group "wheel". */
 KEMO_API int KEMOGroupSet(int flags, int type, const char *oldName, const char *const *group);
-/* Deletes groups and their "@name" members of share lists.  0, or -1. */
+/* Deletes groups and their "@name" members of share lists.  0, or -1
+ * (ERR_ACCESS_DENIED and nothing deleted when a name is a system group,
+ * "users" or "administrators"). */
 KEMO_API int KEMOGroupDelete(const char *const *names, int count);
 /* The group's decoded description: needed = length + 1; 1 filled, 0 size
  * query, -1 (ERR_KEY_NOT_FOUND when the group has none).
