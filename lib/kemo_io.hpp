@@ -10,6 +10,8 @@
 #include <cstring>
 #include <unistd.h>
 #include <memory>
+#include <sys/types.h>
+#include <utility>
 #include <string>
 #include <string_view>
 
@@ -20,6 +22,48 @@ struct FileCloser {
     void operator()(FILE *f) const noexcept { std::fclose(f); }
 };
 using FilePtr = std::unique_ptr<FILE, FileCloser>;
+
+// A file descriptor closed when it goes out of scope.
+class Fd {
+public:
+    Fd() = default;
+    explicit Fd(int fd) noexcept : fd_(fd) {}
+    ~Fd() { reset(); }
+    Fd(Fd &&other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+    Fd &operator=(Fd &&other) noexcept
+    {
+        if (this != &other) {
+            reset();
+            fd_ = std::exchange(other.fd_, -1);
+        }
+        return *this;
+    }
+    Fd(const Fd &) = delete;
+    Fd &operator=(const Fd &) = delete;
+    int get() const noexcept { return fd_; }
+    explicit operator bool() const noexcept { return fd_ >= 0; }
+    // Gives the descriptor up without closing it.
+    int release() noexcept { return std::exchange(fd_, -1); }
+    // Closes now; false when close reported an error.
+    bool close() noexcept
+    {
+        const int fd = std::exchange(fd_, -1);
+        return fd < 0 || ::close(fd) == 0;
+    }
+    void reset() noexcept { close(); }
+
+private:
+    int fd_ = -1;
+};
+
+// Opens a file the library writes for its caller at a path the caller
+// names (an export, a listing), empty and with exactly `mode`.  A new file
+// is created; an existing one is reused only when the opened descriptor
+// shows a regular file of the caller's with no other name, so that a name
+// another user planted (a link, a FIFO, a file of theirs, a second name of
+// a private file) is never written through.  -1 with errno set (EPERM for
+// a file that may not be reused, which is then left as it is).
+int open_for_caller(const char *path, mode_t mode);
 
 // fopen that retries on EINTR; null with errno set on failure.
 FilePtr open_file(const char *path, const char *mode);

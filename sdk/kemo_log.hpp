@@ -9,6 +9,7 @@
 #pragma once
 
 #include "kemo_internal.hpp"
+#include "kemo_io.hpp"
 
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -99,34 +100,7 @@ bool file_exists(const char *path);
 
 // ------------------------------------------------------------ descriptors
 
-class Fd {
-public:
-    Fd() = default;
-    explicit Fd(int fd) : fd_(fd) {}
-    ~Fd() { reset(); }
-    Fd(Fd &&other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-    Fd &operator=(Fd &&other) noexcept
-    {
-        if (this != &other) {
-            reset();
-            fd_ = std::exchange(other.fd_, -1);
-        }
-        return *this;
-    }
-    Fd(const Fd &) = delete;
-    Fd &operator=(const Fd &) = delete;
-    int get() const noexcept { return fd_; }
-    explicit operator bool() const noexcept { return fd_ >= 0; }
-    void reset() noexcept
-    {
-        if (fd_ >= 0)
-            ::close(fd_);
-        fd_ = -1;
-    }
-
-private:
-    int fd_ = -1;
-};
+using kemo::Fd;
 
 // Runs attempt up to kTries times, a second apart, until it succeeds.
 template <class Attempt>

@@ -103,7 +103,11 @@ int read_log(const char *log_path, const char *out_path, const char *language)
         KEMO_LOG("Kemora log file %s not exist", log_path);
         return fail(-1, ERR_FILE_NOT_FOUND);
     }
-    kemo::FilePtr out = kemo::open_file(out_path, "w+");
+    // The caller names the path: never written through a planted name.
+    kemo::Fd out_fd(kemo::open_for_caller(out_path, 0644));
+    kemo::FilePtr out(out_fd ? ::fdopen(out_fd.get(), "w+") : nullptr);
+    if (out)
+        out_fd.release();
     if (!out) {
         const int error = errno;
         KEMO_LOG("output log file open failed [%d].\n", error);

@@ -29,30 +29,7 @@ constexpr char kScratch[] = "/tmp/importprocess";
 constexpr uint32_t kImportCheckedEvent = 0x12100042;
 constexpr uint32_t kImportAppliedEvent = 0x12100043;
 
-// A descriptor closed when it goes out of scope.
-class Fd {
-public:
-    explicit Fd(int fd) noexcept : fd_(fd) {}
-    ~Fd()
-    {
-        if (fd_ >= 0)
-            ::close(fd_);
-    }
-    Fd(const Fd &) = delete;
-    Fd &operator=(const Fd &) = delete;
-    int get() const noexcept { return fd_; }
-    // Gives the descriptor up without closing it.
-    int release() noexcept { return std::exchange(fd_, -1); }
-    // Closes now; false when close reported an error.
-    bool close() noexcept
-    {
-        const int fd = std::exchange(fd_, -1);
-        return fd < 0 || ::close(fd) == 0;
-    }
-
-private:
-    int fd_;
-};
+using kemo::Fd;
 
 // Index of id in the registry (the closing all-zero entry never matches).
 int index_of(uint32_t id) noexcept
@@ -63,32 +40,10 @@ int index_of(uint32_t id) noexcept
     return -1;
 }
 
-// Opens the export target, empty and private (mode & 0600: the file holds
-// password hashes).  A new file is created; an existing one is reused only
-// when the opened descriptor shows a regular file of the caller's with no
-// other name, so a name planted by another user (a link, a FIFO, a file
-// of theirs, a second name of a private file) is never written through.
-// The descriptor, or -1 with errno set.
-int open_target(const char *path, unsigned int mode)
-{
-    Fd out(::open(path, O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600));
-    if (out.get() < 0)
-        return -1;
-    struct stat st;
-    if (::fstat(out.get(), &st) != 0)
-        return -1;
-    if (!S_ISREG(st.st_mode) || st.st_uid != ::geteuid() || st.st_nlink != 1) {
-        errno = EPERM;
-        return -1;
-    }
-    if (::ftruncate(out.get(), 0) != 0 || ::fchmod(out.get(), mode & 0600) != 0)
-        return -1;
-    return out.release();
-}
-
 int export_file(const char *fn, const char *path, uint32_t mask, unsigned int mode)
 {
-    Fd out(open_target(path, mode));
+    // The file holds password hashes: never more than owner read and write.
+    Fd out(kemo::open_for_caller(path, mode & 0600));
     if (out.get() < 0) {
         BKP_LOG(fn, "fail to open %s(%d)", path, errno);
         return -1;

@@ -474,4 +474,26 @@ TEST_F(Log, CurrentConnectionsNeverWriteThroughPlantedNames)
     EXPECT_TRUE(S_ISLNK(stat_of("/tmp/smbstatus.tmp").st_mode));
 }
 
+// The text listing goes where the caller says, but never through a name
+// another user planted there.
+TEST_F(Log, ListingNeverWritesThroughAPlantedName)
+{
+    write_file(kConf, "syslogfile=\"/var/log/ring.log\"\n");
+    write_file("/var/log/ring.log", header(16, 16), 0600);
+    const std::string shadow = read_file("/etc/shadow");
+    ASSERT_TRUE(as_nobody([] { return symlink("/etc/shadow", kOut) == 0; }));
+    EXPECT_EQ(KEMOLogGet1(1, kOut, nullptr), -1);
+    EXPECT_EQ(KLIBErrGet(), ERR_OPEN_FAILED);
+    EXPECT_EQ(read_file("/etc/shadow"), shadow);
+    ASSERT_EQ(unlink(kOut), 0);
+    ASSERT_TRUE(as_nobody([] {
+        const int fd = open(kOut, O_WRONLY | O_CREAT | O_EXCL, 0666);
+        return fd >= 0 && fchmod(fd, 0666) == 0 && close(fd) == 0;
+    }));
+    EXPECT_EQ(KEMOLogGet1(1, kOut, nullptr), -1) << "a file of another user's is not reused";
+    ASSERT_EQ(unlink(kOut), 0);
+    EXPECT_EQ(KEMOLogGet1(1, kOut, nullptr), 0);
+    EXPECT_EQ(stat_of(kOut).st_uid, 0u);
+}
+
 } // namespace
