@@ -8,6 +8,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+// Makes the calling process the user nobody; false when it cannot.
+inline bool become_nobody()
+{
+    return ::setgroups(0, nullptr) == 0 && ::setresgid(65534, 65534, 65534) == 0 &&
+           ::setresuid(65534, 65534, 65534) == 0;
+}
+
 // True when body() returned true in the child.
 template <class Body>
 bool as_nobody(Body &&body)
@@ -16,8 +23,7 @@ bool as_nobody(Body &&body)
     if (pid < 0)
         return false;
     if (pid == 0) {
-        if (::setgroups(0, nullptr) != 0 || ::setresgid(65534, 65534, 65534) != 0 ||
-            ::setresuid(65534, 65534, 65534) != 0)
+        if (!become_nobody())
             ::_exit(2);
         ::_exit(body() ? 0 : 1);
     }

@@ -3,6 +3,7 @@
 // break out of a shell command: every hostile name below would create
 // /tmp/pwned if it did.
 #include "kemo.h"
+#include "as_nobody.hpp"
 #include "sandbox_fixture.hpp"
 #include "syslog_capture.hpp"
 
@@ -460,16 +461,7 @@ TEST_F(Ps, NoScratchFileInTmp)
     await_exec(one.pid(), program);
     write_file("/etc/victim", "precious\n", 0600);
     const std::string scratch = "/tmp/tempKLIBPs" + std::to_string(::getpid());
-    const pid_t planter = ::fork();
-    if (planter == 0) {
-        ::setgroups(0, nullptr);
-        if (::setresgid(65534, 65534, 65534) != 0 || ::setresuid(65534, 65534, 65534) != 0)
-            ::_exit(2);
-        ::_exit(::symlink("/etc/victim", scratch.c_str()) == 0 ? 0 : 3);
-    }
-    int status = 0;
-    ::waitpid(planter, &status, 0);
-    ASSERT_EQ(WEXITSTATUS(status), 0);
+    ASSERT_TRUE(as_nobody([&] { return ::symlink("/etc/victim", scratch.c_str()) == 0; }));
 
     int32_t pids[2] = {-1, -1};
     EXPECT_EQ(KLIBPs(name.c_str(), pids, 2), 1);
