@@ -90,6 +90,15 @@ kemoctl set /etc/kemoinfo.conf -- dashed --quote > /dev/null 2>&1 ||
 kemoctl list -- --sort byte > "$work/out" 2>&1 || fail "list refuses items after --"
 grep -q -- '\[0\] --sort' "$work/out" || fail "an item after -- is taken for an option"
 
+# The appliance's own setter program: the library refuses the break.
+snapshot before
+set_key_value /etc/kemoinfo.conf codepage "1252${nl}domainjoined=yes" > /dev/null 2> "$work/err"
+status=$?
+snapshot after
+[ "$status" -eq 1 ] || fail "set_key_value exits $status on a value with a line break"
+grep -q ERR_BAD_PARAMETERS "$work/err" || fail "set_key_value gives no reason ($(cat "$work/err"))"
+cmp -s "$work/before" "$work/after" || fail "set_key_value wrote a value with a line break"
+
 if [ "$failures" -ne 0 ]; then
     echo "$failures failure(s)"
     exit 1
