@@ -8,6 +8,8 @@
 //   domain_group         one group per line
 //   domain_group_member  one line per group: group = "member,member"
 #include "kemo_accounts.hpp"
+#include "kemo_domain.hpp"
+#include "kemo_share.hpp"
 #include "kemo_io.hpp"
 #include "kemomisc.hpp"
 
@@ -55,7 +57,7 @@ bool domain_joined()
 
 bool is_domain(std::string_view name)
 {
-    return IsDomainUG(std::string(name).c_str()) == 2;
+    return kemo::domain::name_kind(name) == 2;
 }
 
 // "DOMAIN\domain users": the group every domain user belongs to.
@@ -176,7 +178,7 @@ int push_once(PKLIBSZLIST *list, std::unordered_set<std::string> &keys, std::str
 // skipped when skip_machines.
 int push_listed(const char *path, PKLIBSZLIST *list, bool skip_machines)
 {
-    if (::access(path, F_OK) != 0 && KEMOWinGetDomainUG(0) < 0) {
+    if (::access(path, F_OK) != 0 && kemo::domain::refresh_lists() < 0) {
         KEMO_LOG("get domain user list fail");
         return -1;
     }
@@ -281,18 +283,13 @@ int refresh_domain_lists()
 
 // Domain users named in the shares' access lists, directly or through a
 // domain group.
-int push_used_users(PKLIBSZLIST *list)
+int push_share_users(PKLIBSZLIST *list)
 {
     auto lock = account_lock(kShareReadLock, kShareReadUnlock);
     if (!lock.held())
         return fail(-1, ERR_LOCK_FAILED);
-    int needed = 0;
-    if (KEMOShareEnum(nullptr, 0, &needed) < 0)
-        return -1;
-    std::vector<char *> names(static_cast<std::size_t>(needed) / sizeof(char *) + 1);
-    const int shares = KEMOShareEnum(names.data(), static_cast<int>(names.size() * sizeof(char *)),
-                                     &needed);
-    if (shares < 0)
+    const auto names = kemo::share::names(KEMO_SHARE_ORDINARY | KEMO_SHARE_USB | KEMO_SHARE_SATA);
+    if (!names)
         return -1;
 
     auto keys = keys_of(*list);
@@ -304,12 +301,12 @@ int push_used_users(PKLIBSZLIST *list)
         count += pushed;
     };
     std::optional<std::vector<std::string>> all_users; // read once when needed
-    for (int s = 0; s < shares; ++s) {
+    for (const std::string &share : *names) {
         std::unique_ptr<KLIBSZHASH, HashFree> hash(PshKLIBSzHashAlloc(8192));
         if (!hash)
             return -1;
         PKLIBSZHASH raw = hash.release();
-        const int pairs = KLIBFileGetSection(kSmbConf, names[static_cast<std::size_t>(s)], &raw);
+        const int pairs = KLIBFileGetSection(kSmbConf, share.c_str(), &raw);
         hash.reset(raw);
         if (pairs < 0)
             return -1;
@@ -353,7 +350,198 @@ int push_used_users(PKLIBSZLIST *list)
     return count;
 }
 
+// The member text of a domain group into out; out NULL only measures.
+int group_info(const char *group, char *out, int size)
+{
+    const Members members = group_members(group);
+    if (!members.ok)
+        return -1;
+    if (!members.text)
+        return fail(-1, ERR_NO_SUCH_GROUP);
+    const auto length = members.text->size() + 1;
+    if (length > static_cast<std::size_t>(INT32_MAX))
+        return fail(-1, ERR_NOT_ENOUGH_MEMORY);
+    if (out == nullptr)
+        return static_cast<int>(length);
+    if (length > static_cast<std::size_t>(size))
+        return fail(-1, ERR_NOT_ENOUGH_MEMORY);
+    std::memcpy(out, members.text->c_str(), length);
+    return static_cast<int>(length);
+}
+
 } // namespace
+
+namespace kemo::domain {
+
+int name_kind(std::string_view text)
+{
+    const auto slash = text.find('\\');
+    if (slash == std::string_view::npos || !domain_joined())
+        return 1;
+    const std::string workgroup = setting(kSettings, "workgroup");
+    return !workgroup.empty() && same_name(text.substr(0, slash), workgroup) ? 2 : 1;
+}
+
+int refresh_lists()
+{
+    return refresh_domain_lists();
+}
+
+int user_sid(const char *name, char *out, int size)
+{
+    const auto answer = lookup("/usr/kemo/bin/wbinfo -n %s 2>/dev/null", {name}, kemo::Output::first_line);
+    if (!answer)
+        return -1;
+    // "S-1-5-21-...-1104 SID_USER (1)": the SID is the first word.
+    std::string_view sid = kemo::trimmed(*answer);
+    sid = sid.substr(0, sid.find_first_of(" \t"));
+    if (sid.empty())
+        return fail(-1, ERR_SYS_UNKNOWN);
+    if (sid.size() >= static_cast<std::size_t>(size))
+        return fail(-1, ERR_NOT_ENOUGH_MEMORY);
+    std::memcpy(out, sid.data(), sid.size());
+    out[sid.size()] = '\0';
+    return 0;
+}
+
+int user_uid(const char *name)
+{
+    char sid[256];
+    if (user_sid(name, sid, sizeof sid) < 0) {
+        KEMO_LOG("get uid fail");
+        return -1;
+    }
+    return lookup_id("/usr/kemo/bin/wbinfo -S %s 2>/dev/null", sid, "uid");
+}
+
+// Asked as "DOMAIN\user"; a name without a domain is taken to be in the
+// joined domain ("workgroup").  The first gid the tool gives is the user's.
+int user_gid(const char *name)
+{
+    const std::string_view text = name;
+    const auto slash = text.find('\\');
+    const std::string domain = slash == std::string_view::npos ? setting(kSettings, "workgroup")
+                                                               : std::string(text.substr(0, slash));
+    const std::string_view user = slash == std::string_view::npos ? text : text.substr(slash + 1);
+    const std::string qualified = domain + "\\" + std::string(user);
+    return lookup_id("/usr/kemo/bin/wbinfo -r %s 2>/dev/null", qualified, "gid");
+}
+
+int push_users(PKLIBSZLIST *list)
+{
+    return push_listed(kDomainUser, list, true);
+}
+
+int push_used_users(PKLIBSZLIST *list)
+{
+    return push_share_users(list);
+}
+
+int push_groups(PKLIBSZLIST *list)
+{
+    return push_listed(kDomainGroup, list, false);
+}
+
+// Members pushed as they are written, without "nobody" and empty ones.
+int push_group_members(std::string_view group, PKLIBSZLIST *list)
+{
+    const Members members = group_members(group);
+    if (!members.ok)
+        return -1;
+    if (!members.text)
+        return fail(-1, ERR_NO_SUCH_GROUP);
+    int count = 0;
+    for (std::string_view member : split(*members.text, ',')) {
+        member = kemo::trimmed(member);
+        if (member.empty() || equal_nocase(member, "nobody"))
+            continue;
+        if (KLIBSzListPush(list, std::string(member).c_str()) < 0)
+            return -1;
+        ++count;
+    }
+    return count;
+}
+
+int is_group_member(std::string_view user, std::string_view group)
+{
+    if (is_domain_users(group))
+        return is_domain(user) ? 1 : 0;
+    const Members members = group_members(group);
+    if (!members.text)
+        return 0;
+    for (std::string_view member : split(*members.text, ','))
+        if (same_name(kemo::trimmed(member), user))
+            return 1;
+    return 0;
+}
+
+// The file server forks one process per client session and switches it to
+// the client's account, so a user's sessions are the processes named
+// "smbd" whose effective uid is the user's.  The server's own root process
+// is never one of them: sessions of "root" are not reported.
+int session_pids(const char *user, int32_t *pids, int max)
+{
+    const struct passwd *account = ::getpwnam(user);
+    if (account == nullptr)
+        return fail(-1, ERR_NO_SUCH_USER);
+    const uid_t uid = account->pw_uid;
+    if (uid == 0)
+        return 0;
+    std::unique_ptr<DIR, DirClose> proc(::opendir("/proc"));
+    if (!proc)
+        return fail(-1, ERR_OPEN_FAILED);
+    int found = 0;
+    while (const dirent *entry = ::readdir(proc.get())) {
+        if (found >= max)
+            break;
+        const auto pid = parse_id(entry->d_name);
+        if (!pid || *pid == 0)
+            continue;
+        if (smbd_euid(*pid) == uid)
+            pids[found++] = *pid;
+    }
+    return found;
+}
+
+// Each pid is checked again, right before it is signalled, to still be a
+// file server session; the others are skipped.
+int end_sessions(const int32_t *pids, int count)
+{
+    int ended = 0;
+    for (int i = 0; i < count; ++i)
+        if (pids[i] > 0 && end_session(pids[i]))
+            ++ended;
+    return ended;
+}
+
+// The backup server's secrets file holds "user:password" lines.  Only an
+// existing line is changed (the user's spelling there is kept); a user
+// without a line is not a backup user.
+int set_backup_password(const char *user, const char *password)
+{
+    if (::access(kRsyncSecrets, F_OK) != 0)
+        return 0;
+    bool changed = false;
+    return kemo::rewrite_file(
+        kRsyncSecrets,
+        [&](std::string_view line, kemo::Twin &twin) {
+            const std::string_view text = kemo::chomp(line);
+            const auto colon = text.find(':');
+            if (text.starts_with('#') || colon == std::string_view::npos ||
+                !same_name(text.substr(0, colon), user)) {
+                twin.write(line);
+                return true;
+            }
+            std::string entry(text.substr(0, colon + 1));
+            entry.append(password).append("\n");
+            changed = changed || text.substr(colon + 1) != password;
+            twin.write(entry);
+            return true;
+        },
+        [&](kemo::Twin &, bool) { return changed ? 1 : 0; }, ERR_READ_FAILED);
+}
+
+} // namespace kemo::domain
 
 extern "C" {
 
@@ -361,42 +549,20 @@ KEMO_API int IsDomainUG(const char *name)
 {
     if (name == nullptr)
         return fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        const std::string_view text = name;
-        const auto slash = text.find('\\');
-        if (slash == std::string_view::npos || !domain_joined())
-            return 1;
-        const std::string workgroup = setting(kSettings, "workgroup");
-        return !workgroup.empty() && same_name(text.substr(0, slash), workgroup) ? 2 : 1;
-    });
+    return kemo::edge(-1, [&] { return kemo::domain::name_kind(name); });
 }
 
 KEMO_API int KEMOWinGetDomainUG(int flags)
 {
     (void)flags; // every list is refreshed
-    return kemo::edge(-1, [] { return refresh_domain_lists(); });
+    return kemo::edge(-1, [] { return kemo::domain::refresh_lists(); });
 }
 
 KEMO_API int KEMOGetDUserSid(const char *name, char *out, int size)
 {
     if (name == nullptr || *name == '\0' || out == nullptr || size <= 0)
         return fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        const auto answer =
-            lookup("/usr/kemo/bin/wbinfo -n %s 2>/dev/null", {name}, kemo::Output::first_line);
-        if (!answer)
-            return -1;
-        // "S-1-5-21-...-1104 SID_USER (1)": the SID is the first word.
-        std::string_view sid = kemo::trimmed(*answer);
-        sid = sid.substr(0, sid.find_first_of(" \t"));
-        if (sid.empty())
-            return fail(-1, ERR_SYS_UNKNOWN);
-        if (sid.size() >= static_cast<std::size_t>(size))
-            return fail(-1, ERR_NOT_ENOUGH_MEMORY);
-        std::memcpy(out, sid.data(), sid.size());
-        out[sid.size()] = '\0';
-        return 0;
-    });
+    return kemo::edge(-1, [&] { return kemo::domain::user_sid(name, out, size); });
 }
 
 KEMO_API int KEMOGetDUserUid(const char *name)
@@ -405,70 +571,35 @@ KEMO_API int KEMOGetDUserUid(const char *name)
         KEMO_LOG("bad parameter");
         return fail(-1, ERR_BAD_PARAMETERS);
     }
-    return kemo::edge(-1, [&] {
-        char sid[256];
-        if (KEMOGetDUserSid(name, sid, sizeof sid) < 0) {
-            KEMO_LOG("get uid fail");
-            return -1;
-        }
-        return lookup_id("/usr/kemo/bin/wbinfo -S %s 2>/dev/null", sid, "uid");
-    });
+    return kemo::edge(-1, [&] { return kemo::domain::user_uid(name); });
 }
 
-// Asked as "DOMAIN\user"; a name without a domain is taken to be in the
-// joined domain ("workgroup").  The first gid the tool gives is the user's.
 KEMO_API int KEMOGetDUserGid(const char *name)
 {
     if (name == nullptr || *name == '\0')
         return fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        const std::string_view text = name;
-        const auto slash = text.find('\\');
-        const std::string domain = slash == std::string_view::npos
-                                       ? setting(kSettings, "workgroup")
-                                       : std::string(text.substr(0, slash));
-        const std::string_view user = slash == std::string_view::npos ? text : text.substr(slash + 1);
-        const std::string qualified = domain + "\\" + std::string(user);
-        return lookup_id("/usr/kemo/bin/wbinfo -r %s 2>/dev/null", qualified, "gid");
-    });
+    return kemo::edge(-1, [&] { return kemo::domain::user_gid(name); });
 }
 
 KEMO_API int KEMOPushDUser(PKLIBSZLIST *list)
 {
     if (list == nullptr || *list == nullptr)
         return fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] { return push_listed(kDomainUser, list, true); });
+    return kemo::edge(-1, [&] { return kemo::domain::push_users(list); });
 }
 
 KEMO_API int KEMOPushDUserUsed(PKLIBSZLIST *list)
 {
     if (list == nullptr || *list == nullptr)
         return fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] { return push_used_users(list); });
+    return kemo::edge(-1, [&] { return kemo::domain::push_used_users(list); });
 }
 
-// Members pushed as they are written, without "nobody" and empty ones.
 KEMO_API int KEMOGetDGRPMem(const char *group, PKLIBSZLIST *list)
 {
     if (group == nullptr || list == nullptr || *list == nullptr)
         return fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        const Members members = group_members(group);
-        if (!members.ok)
-            return -1;
-        if (!members.text)
-            return fail(-1, ERR_NO_SUCH_GROUP);
-        int count = 0;
-        for (std::string_view member : split(*members.text, ',')) {
-            member = kemo::trimmed(member);
-            if (member.empty() || equal_nocase(member, "nobody"))
-                continue;
-            if (KLIBSzListPush(list, std::string(member).c_str()) < 0)
-                return -1;
-            ++count;
-        }
-        return count;
-    });
+    return kemo::edge(-1, [&] { return kemo::domain::push_group_members(group, list); });
 }
 
 // out NULL with size 0 only measures; otherwise the text must fit.
@@ -476,127 +607,45 @@ KEMO_API int KEMOGetDGRPInfo(const char *group, char *out, int size)
 {
     if (group == nullptr || size < 0 || (out == nullptr && size != 0))
         return fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        const Members members = group_members(group);
-        if (!members.ok)
-            return -1;
-        if (!members.text)
-            return fail(-1, ERR_NO_SUCH_GROUP);
-        const auto length = members.text->size() + 1;
-        if (length > static_cast<std::size_t>(INT32_MAX))
-            return fail(-1, ERR_NOT_ENOUGH_MEMORY);
-        if (out == nullptr)
-            return static_cast<int>(length);
-        if (length > static_cast<std::size_t>(size))
-            return fail(-1, ERR_NOT_ENOUGH_MEMORY);
-        std::memcpy(out, members.text->c_str(), length);
-        return static_cast<int>(length);
-    });
+    return kemo::edge(-1, [&] { return group_info(group, out, size); });
 }
 
 KEMO_API int KEMOIsDGRPMem(const char *user, const char *group)
 {
     if (user == nullptr || group == nullptr)
         return fail(0, ERR_BAD_PARAMETERS);
-    return kemo::edge(0, [&] {
-        if (is_domain_users(group))
-            return is_domain(user) ? 1 : 0;
-        const Members members = group_members(group);
-        if (!members.text)
-            return 0;
-        for (std::string_view member : split(*members.text, ','))
-            if (same_name(kemo::trimmed(member), user))
-                return 1;
-        return 0;
-    });
+    return kemo::edge(0, [&] { return kemo::domain::is_group_member(user, group); });
 }
 
 KEMO_API int KEMOPushDGroup(PKLIBSZLIST *list)
 {
     if (list == nullptr || *list == nullptr)
         return fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] { return push_listed(kDomainGroup, list, false); });
+    return kemo::edge(-1, [&] { return kemo::domain::push_groups(list); });
 }
 
-// The file server forks one process per client session and switches it to
-// the client's account, so a user's sessions are the processes named
-// "smbd" whose effective uid is the user's.  The server's own root process
-// is never one of them: sessions of "root" are not reported.  Returns the
-// number stored in pids (at most max), ready for KEMODelConnOfSmb.
+// Returns the number stored in pids (at most max), ready for
+// KEMODelConnOfSmb.
 KEMO_API int KEMOGetConnPidOfSmb(const char *user, int32_t *pids, int max)
 {
     if (user == nullptr || *user == '\0' || max < 0 || (pids == nullptr && max > 0))
         return fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        const struct passwd *account = ::getpwnam(user);
-        if (account == nullptr)
-            return fail(-1, ERR_NO_SUCH_USER);
-        const uid_t uid = account->pw_uid;
-        if (uid == 0)
-            return 0;
-        std::unique_ptr<DIR, DirClose> proc(::opendir("/proc"));
-        if (!proc)
-            return fail(-1, ERR_OPEN_FAILED);
-        int found = 0;
-        while (const dirent *entry = ::readdir(proc.get())) {
-            if (found >= max)
-                break;
-            const auto pid = parse_id(entry->d_name);
-            if (!pid || *pid == 0)
-                continue;
-            if (smbd_euid(*pid) == uid)
-                pids[found++] = *pid;
-        }
-        return found;
-    });
+    return kemo::edge(-1, [&] { return kemo::domain::session_pids(user, pids, max); });
 }
 
-// Each pid is checked again, right before it is signalled, to still be a
-// file server session; the others are skipped.  The number ended.
 KEMO_API int KEMODelConnOfSmb(const int32_t *pids, int count)
 {
     if (count < 0 || (pids == nullptr && count > 0))
         return fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        int ended = 0;
-        for (int i = 0; i < count; ++i)
-            if (pids[i] > 0 && end_session(pids[i]))
-                ++ended;
-        return ended;
-    });
+    return kemo::edge(-1, [&] { return kemo::domain::end_sessions(pids, count); });
 }
 
-// The backup server's secrets file holds "user:password" lines.  Only an
-// existing line is changed (the user's spelling there is kept); a user
-// without a line is not a backup user.
 KEMO_API int KEMONetBackupSetServerPasswd(const char *user, const char *password)
 {
     if (user == nullptr || *user == '\0' || password == nullptr ||
         std::strpbrk(user, ":\r\n") != nullptr || std::strpbrk(password, ":\r\n") != nullptr)
         return fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        if (::access(kRsyncSecrets, F_OK) != 0)
-            return 0;
-        bool changed = false;
-        const int result = kemo::rewrite_file(
-            kRsyncSecrets,
-            [&](std::string_view line, kemo::Twin &twin) {
-                const std::string_view text = kemo::chomp(line);
-                const auto colon = text.find(':');
-                if (text.starts_with('#') || colon == std::string_view::npos ||
-                    !same_name(text.substr(0, colon), user)) {
-                    twin.write(line);
-                    return true;
-                }
-                std::string entry(text.substr(0, colon + 1));
-                entry.append(password).append("\n");
-                changed = changed || text.substr(colon + 1) != password;
-                twin.write(entry);
-                return true;
-            },
-            [&](kemo::Twin &, bool) { return changed ? 1 : 0; }, ERR_READ_FAILED);
-        return result;
-    });
+    return kemo::edge(-1, [&] { return kemo::domain::set_backup_password(user, password); });
 }
 
 } // extern "C"

@@ -95,7 +95,7 @@ bool collect_names(int flags, std::vector<std::string> &names)
     if ((flags == 0 || (flags & KEMO_GROUP_DOMAIN) != 0) &&
         acc::setting(acc::kSettings, "domainjoined") == "yes") {
         OwnedList list(1024);
-        if (list.p == nullptr || KEMOPushDGroup(&list.p) < 0)
+        if (list.p == nullptr || kemo::domain::push_groups(&list.p) < 0)
             return false;
         for (int i = 0; i < list.p->nItem; ++i)
             names.emplace_back(list.p->pszItem[i]);
@@ -178,6 +178,112 @@ PKLIBGROUP local_record(const char *name)
 
 } // namespace
 
+// A local group's record, or a domain group's (gid -1: the domain lists
+// hold names and members only).
+PKLIBGROUP group_record(const char *name)
+{
+    if (kemo::domain::name_kind(name) != 2)
+        return local_record(name);
+    OwnedList list(1024);
+    if (list.p == nullptr)
+        return nullptr;
+    if (kemo::domain::push_group_members(name, &list.p) < 0)
+        return fail<PKLIBGROUP>(nullptr, ERR_NO_SUCH_GROUP);
+    Group g;
+    g.name = name;
+    g.passwd = "x";
+    g.gid = -1;
+    for (int i = 0; i < list.p->nItem; ++i)
+        if (!is_sentinel(list.p->pszItem[i]))
+            g.members.emplace_back(list.p->pszItem[i]);
+    return publish(std::move(g));
+}
+
+int get_group(int flags, const char *name, char **out, int size, int *needed)
+{
+    auto lock = acc::account_lock(acc::kGroupReadLock, acc::kGroupReadUnlock);
+    if (!lock.held())
+        return fail(-1, ERR_LOCK_FAILED);
+    std::vector<std::string> texts;
+    Group g;
+    const int found = find_local(name, g);
+    if (found < 0)
+        return -1;
+    if (found == 1) {
+        texts.push_back(std::move(g.name));
+        for (std::string &m : g.members)
+            texts.push_back(std::move(m));
+    } else if (flags == 0 || (flags & KEMO_GROUP_DOMAIN) != 0) {
+        OwnedList list(1024);
+        if (list.p == nullptr)
+            return -1;
+        if (kemo::domain::push_group_members(name, &list.p) >= 0) {
+            texts.emplace_back(name);
+            for (int i = 0; i < list.p->nItem; ++i)
+                if (!is_sentinel(list.p->pszItem[i]))
+                    texts.emplace_back(list.p->pszItem[i]);
+        }
+    }
+    if (texts.empty())
+        return fail(-1, ERR_NO_SUCH_GROUP);
+    if (!lock.release())
+        return -1;
+    const long long total = acc::packed_size(texts);
+    if (total < 0)
+        return fail(-1, ERR_OUT_OF_MEMORY);
+    *needed = static_cast<int>(total);
+    if (out == nullptr)
+        return 0;
+    if (total > size)
+        return fail(0, ERR_NOT_ENOUGH_MEMORY);
+    acc::pack(texts, out, size);
+    return 1;
+}
+
+int get_desc(const char *name, char *out, int size, int *needed)
+{
+    auto lock = acc::account_lock(acc::kGroupDescLock, acc::kGroupDescUnlock);
+    if (!lock.held())
+        return fail(-1, ERR_LOCK_FAILED);
+    const auto key = acc::upper(name);
+    std::string stored;
+    bool found = false;
+    const int read = kemo::for_each_line(acc::kGroupDesc, [&](std::string_view line) {
+        line = kemo::chomp(line);
+        if (acc::upper(line.substr(0, line.find(':'))) != key)
+            return 1;
+        stored = line;
+        found = true;
+        return 0;
+    });
+    if (read < 0)
+        return -1;
+    if (!key || !found)
+        return fail(-1, ERR_KEY_NOT_FOUND);
+    const auto fields = acc::split(stored, ':');
+    if (fields.size() != 2)
+        return fail(-1, ERR_FORMAT_ERROR);
+    const std::string encoded(fields[1]);
+    std::string text(encoded.size() + 1, '\0');
+    const int length =
+        KLIBStrDecodeColon(encoded.c_str(), text.data(), static_cast<int>(encoded.size()));
+    if (length < 0) {
+        KEMO_LOG("%d: KLIBStrDecodeColon failed.(%X)", __LINE__, KLIBErrGet());
+        text = encoded;
+    } else {
+        text.resize(static_cast<std::size_t>(length));
+    }
+    if (!lock.release())
+        return -1;
+    *needed = static_cast<int>(text.size() + 1);
+    if (out == nullptr)
+        return 0;
+    if (*needed > size)
+        return fail(-1, ERR_NOT_ENOUGH_MEMORY);
+    std::memcpy(out, text.c_str(), text.size() + 1);
+    return 1;
+}
+
 } // namespace kemo::groups
 
 using namespace kemo::groups;
@@ -233,23 +339,7 @@ KEMO_API PKLIBGROUP KLIBGetGrNam(const char *name)
 {
     if (name == nullptr)
         return fail<PKLIBGROUP>(nullptr, ERR_BAD_PARAMETERS);
-    if (IsDomainUG(name) != 2)
-        return kemo::edge<PKLIBGROUP>(nullptr, [&] { return local_record(name); });
-    return kemo::edge<PKLIBGROUP>(nullptr, [&]() -> PKLIBGROUP {
-        OwnedList list(1024);
-        if (list.p == nullptr)
-            return nullptr;
-        if (KEMOGetDGRPMem(name, &list.p) < 0)
-            return fail<PKLIBGROUP>(nullptr, ERR_NO_SUCH_GROUP);
-        Group g;
-        g.name = name;
-        g.passwd = "x";
-        g.gid = -1;
-        for (int i = 0; i < list.p->nItem; ++i)
-            if (!is_sentinel(list.p->pszItem[i]))
-                g.members.emplace_back(list.p->pszItem[i]);
-        return publish(std::move(g));
-    });
+    return kemo::edge<PKLIBGROUP>(nullptr, [&] { return group_record(name); });
 }
 
 KEMO_API void KLIBEndGrEnt(void)
@@ -263,45 +353,7 @@ KEMO_API int KEMOGroupGet(int flags, int type, const char *name, char **out, int
         type != KEMO_ACCOUNT_LOCAL || name == nullptr || *name == '\0' || needed == nullptr ||
         size < 0 || (out == nullptr && size != 0))
         return fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        auto lock = acc::account_lock(acc::kGroupReadLock, acc::kGroupReadUnlock);
-        if (!lock.held())
-            return fail(-1, ERR_LOCK_FAILED);
-        std::vector<std::string> texts;
-        Group g;
-        const int found = find_local(name, g);
-        if (found < 0)
-            return -1;
-        if (found == 1) {
-            texts.push_back(std::move(g.name));
-            for (std::string &m : g.members)
-                texts.push_back(std::move(m));
-        } else if (flags == 0 || (flags & KEMO_GROUP_DOMAIN) != 0) {
-            OwnedList list(1024);
-            if (list.p == nullptr)
-                return -1;
-            if (KEMOGetDGRPMem(name, &list.p) >= 0) {
-                texts.emplace_back(name);
-                for (int i = 0; i < list.p->nItem; ++i)
-                    if (!is_sentinel(list.p->pszItem[i]))
-                        texts.emplace_back(list.p->pszItem[i]);
-            }
-        }
-        if (texts.empty())
-            return fail(-1, ERR_NO_SUCH_GROUP);
-        if (!lock.release())
-            return -1;
-        const long long total = acc::packed_size(texts);
-        if (total < 0)
-            return fail(-1, ERR_OUT_OF_MEMORY);
-        *needed = static_cast<int>(total);
-        if (out == nullptr)
-            return 0;
-        if (total > size)
-            return fail(0, ERR_NOT_ENOUGH_MEMORY);
-        acc::pack(texts, out, size);
-        return 1;
-    });
+    return kemo::edge(-1, [&] { return get_group(flags, name, out, size, needed); });
 }
 
 KEMO_API int KEMOGroupEnum(int flags, char **out, int size, int *needed)
@@ -328,48 +380,7 @@ KEMO_API int KEMOGroupGetDesc(const char *name, char *out, int size, int *needed
 {
     if (name == nullptr || needed == nullptr || size < 0 || (out == nullptr && size != 0))
         return fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        auto lock = acc::account_lock(acc::kGroupDescLock, acc::kGroupDescUnlock);
-        if (!lock.held())
-            return fail(-1, ERR_LOCK_FAILED);
-        const auto key = acc::upper(name);
-        std::string stored;
-        bool found = false;
-        const int read = kemo::for_each_line(acc::kGroupDesc, [&](std::string_view line) {
-            line = kemo::chomp(line);
-            if (acc::upper(line.substr(0, line.find(':'))) != key)
-                return 1;
-            stored = line;
-            found = true;
-            return 0;
-        });
-        if (read < 0)
-            return -1;
-        if (!key || !found)
-            return fail(-1, ERR_KEY_NOT_FOUND);
-        const auto fields = acc::split(stored, ':');
-        if (fields.size() != 2)
-            return fail(-1, ERR_FORMAT_ERROR);
-        const std::string encoded(fields[1]);
-        std::string text(encoded.size() + 1, '\0');
-        const int length =
-            KLIBStrDecodeColon(encoded.c_str(), text.data(), static_cast<int>(encoded.size()));
-        if (length < 0) {
-            KEMO_LOG("%d: KLIBStrDecodeColon failed.(%X)", __LINE__, KLIBErrGet());
-            text = encoded;
-        } else {
-            text.resize(static_cast<std::size_t>(length));
-        }
-        if (!lock.release())
-            return -1;
-        *needed = static_cast<int>(text.size() + 1);
-        if (out == nullptr)
-            return 0;
-        if (*needed > size)
-            return fail(-1, ERR_NOT_ENOUGH_MEMORY);
-        std::memcpy(out, text.c_str(), text.size() + 1);
-        return 1;
-    });
+    return kemo::edge(-1, [&] { return get_desc(name, out, size, needed); });
 }
 
 KEMO_API int GROUPParseCreateParam(const char *text, char ***group)

@@ -4,11 +4,13 @@
 #pragma once
 
 #include "kemo_accounts.hpp"
+#include "kemo_domain.hpp"
 #include "kemo_io.hpp"
 #include "kemo_records.hpp"
 
 #include <charconv>
 #include <climits>
+#include <cstring>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -158,5 +160,27 @@ struct OwnedList {
 // 196607, and advancing the index line (appended when missing).  -1 when
 // every gid of the range is in use.
 int take_gid(acc::Lines &file);
+
+// The bodies of the public group functions, with checked arguments; each
+// fails like its public function (error code set).
+// KLIBGetGrNam: the static record of a local or domain group, or null.
+PKLIBGROUP group_record(const char *name);
+// KEMOGroupGet: the group's name and members in the two-call layout.
+int get_group(int flags, const char *name, char **out, int size, int *needed);
+// KEMOGroupGetDesc: the group's description (0 size query, 1 copied).
+int get_desc(const char *name, char *out, int size, int *needed);
+// KEMOGroupSet: creates (old_name null) or changes a local group.
+int set_group(const char *old_name, const char *const *request);
+// KEMOGroupDelete: deletes local groups; the number deleted, or < 0.
+int delete_groups(const char *const *names, int count);
+// KEMOGroupSetDesc: sets the group's description; 0, or -1.
+int set_desc(const char *name, const char *desc);
+// The arguments set_desc takes: a name without ":" or line breaks, a
+// description without line breaks.
+inline bool desc_arguments_ok(const char *name, const char *desc)
+{
+    return name != nullptr && desc != nullptr && *name != '\0' &&
+           std::strpbrk(name, ":\n\r") == nullptr && std::strpbrk(desc, "\n\r") == nullptr;
+}
 
 } // namespace kemo::groups

@@ -40,6 +40,8 @@ bool stage_desc_rewrite(acc::Transaction &txn, const acc::MemberMap &map)
     return true;
 }
 
+} // namespace
+
 int set_group(const char *old_name, const char *const *request)
 {
     const std::string name = request[0];
@@ -217,7 +219,45 @@ int delete_groups(const char *const *names, int count)
     return lock.release() ? 0 : -1;
 }
 
-} // namespace
+int set_desc(const char *name, const char *desc)
+{
+    const auto key = acc::upper(name);
+    if (!key)
+        return fail(-1, ERR_BAD_PARAMETERS);
+    const std::size_t length = std::strlen(desc);
+    std::string encoded(2 * length + 1, '\0');
+    const int written = KLIBStrEncodeColon(desc, encoded.data(), static_cast<int>(2 * length));
+    if (written < 0) {
+        KEMO_LOG("(%d) KLIBStrEncodeColon failed\n", __LINE__);
+        return -1;
+    }
+    encoded.resize(static_cast<std::size_t>(written));
+
+    auto lock = acc::account_lock(kGroupDescWriteLock, acc::kGroupDescUnlock);
+    if (!lock.held())
+        return fail(-1, ERR_LOCK_FAILED);
+    acc::Transaction txn;
+    // The group's old lines go, its new line goes to the end.
+    if (!stage_desc_rewrite(txn, acc::MemberMap{{*key, std::nullopt}})) {
+        KEMO_LOG("%d: %s can not delete line (szNameKey=%s) (%X)", __LINE__, acc::kGroupDesc,
+                 name, KLIBErrGet());
+        return -1;
+    }
+    std::string content;
+    if (!txn.current(acc::kGroupDesc, content, true))
+        return -1;
+    if (!content.empty() && content.back() != '\n')
+        content += '\n';
+    const std::string line = std::string(name) + ':' + encoded;
+    content += line + '\n';
+    txn.stage(acc::kGroupDesc, std::move(content));
+    if (!txn.commit()) {
+        KEMO_LOG("%d: %s can not add line (szLine=%s)(%X)", __LINE__, acc::kGroupDesc,
+                 line.c_str(), KLIBErrGet());
+        return -1;
+    }
+    return lock.release() ? 0 : -1;
+}
 
 } // namespace kemo::groups
 
@@ -246,47 +286,9 @@ KEMO_API int KEMOGroupDelete(const char *const *names, int count)
 
 KEMO_API int KEMOGroupSetDesc(const char *name, const char *desc)
 {
-    if (name == nullptr || desc == nullptr || *name == '\0' ||
-        std::strpbrk(name, ":\n\r") != nullptr || std::strpbrk(desc, "\n\r") != nullptr)
+    if (!desc_arguments_ok(name, desc))
         return fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        const auto key = acc::upper(name);
-        if (!key)
-            return fail(-1, ERR_BAD_PARAMETERS);
-        const std::size_t length = std::strlen(desc);
-        std::string encoded(2 * length + 1, '\0');
-        const int written = KLIBStrEncodeColon(desc, encoded.data(), static_cast<int>(2 * length));
-        if (written < 0) {
-            KEMO_LOG("(%d) KLIBStrEncodeColon failed\n", __LINE__);
-            return -1;
-        }
-        encoded.resize(static_cast<std::size_t>(written));
-
-        auto lock = acc::account_lock(kGroupDescWriteLock, acc::kGroupDescUnlock);
-        if (!lock.held())
-            return fail(-1, ERR_LOCK_FAILED);
-        acc::Transaction txn;
-        // The group's old lines go, its new line goes to the end.
-        if (!stage_desc_rewrite(txn, acc::MemberMap{{*key, std::nullopt}})) {
-            KEMO_LOG("%d: %s can not delete line (szNameKey=%s) (%X)", __LINE__, acc::kGroupDesc,
-                     name, KLIBErrGet());
-            return -1;
-        }
-        std::string content;
-        if (!txn.current(acc::kGroupDesc, content, true))
-            return -1;
-        if (!content.empty() && content.back() != '\n')
-            content += '\n';
-        const std::string line = std::string(name) + ':' + encoded;
-        content += line + '\n';
-        txn.stage(acc::kGroupDesc, std::move(content));
-        if (!txn.commit()) {
-            KEMO_LOG("%d: %s can not add line (szLine=%s)(%X)", __LINE__, acc::kGroupDesc,
-                     line.c_str(), KLIBErrGet());
-            return -1;
-        }
-        return lock.release() ? 0 : -1;
-    });
+    return kemo::edge(-1, [&] { return set_desc(name, desc); });
 }
 
 } // extern "C"

@@ -2,6 +2,8 @@
 // share records, share lists and access-list answers.  Writing shares is
 // done elsewhere; everything here only reads /usr/kemo/etc/smb.conf.
 #include "kemo_accounts.hpp"
+#include "kemo_domain.hpp"
+#include "kemo_share.hpp"
 #include "kemo_io.hpp"
 #include "kemo_records.hpp"
 
@@ -271,7 +273,7 @@ std::optional<long> local_primary_gid(std::string_view name)
 
 bool is_domain(const std::string &name)
 {
-    return IsDomainUG(name.c_str()) == 2;
+    return kemo::domain::name_kind(name) == 2;
 }
 
 // Whether user belongs to the group named by an "@group" member.  Local
@@ -282,7 +284,7 @@ bool in_group(const std::string &user, bool user_domain, const std::string &grou
     if (user_domain != is_domain(group))
         return false;
     if (user_domain)
-        return KEMOIsDGRPMem(user.c_str(), group.c_str()) == 1;
+        return kemo::domain::is_group_member(user, group) == 1;
     if (equal_nocase(group, "users")) {
         // Every local account whose primary group is "users" (or root's).
         const auto gid = local_primary_gid(user);
@@ -417,13 +419,8 @@ bool inside_own_home(const std::string &resolved, std::string_view user)
     return false;
 }
 
-int share_get(int type, const char *name, PKEMOSHARE out, int size, int *needed)
+int share_get(const char *name, PKEMOSHARE out, int size, int *needed)
 {
-    if (type != KEMO_ACCOUNT_LOCAL || name == nullptr || needed == nullptr || size < 0 ||
-        (out == nullptr && size != 0)) {
-        KEMO_LOG("kemoshare: KEMOShareGet: bad parameters!");
-        return fail(-1, ERR_BAD_PARAMETERS);
-    }
     // Reserved sections are refused before the file is read.
     if (*name == '\0' || is_reserved(name)) {
         KEMO_LOG("kemoshare: KEMOShareGet: no such share; szName=%s!", name);
@@ -442,45 +439,73 @@ int share_get(int type, const char *name, PKEMOSHARE out, int size, int *needed)
     });
 }
 
-int share_enum(char **out, int size, int *needed, int kinds)
+} // namespace
+
+namespace kemo::share {
+
+std::optional<std::vector<std::string>> names(int kinds)
 {
-    if (!enum_arguments_ok(out, size, needed) || kinds <= 0 ||
-        (kinds & ~(KEMO_SHARE_ORDINARY | KEMO_SHARE_USB | KEMO_SHARE_SATA)) != 0)
-        return fail(-1, ERR_BAD_PARAMETERS);
+    return share_names(kinds);
+}
+
+int enumerate(char **out, int size, int *needed, int kinds)
+{
     return under_share_lock(-1, "KEMOShareEnum1", [&] {
-        const auto names = share_names(kinds);
-        return names ? store_names(*names, out, size, needed) : -1;
+        const auto found = share_names(kinds);
+        return found ? store_names(*found, out, size, needed) : -1;
     });
 }
 
-} // namespace
+bool is_usb_section(std::string_view name) noexcept
+{
+    return is_usb(name);
+}
+
+bool is_sata_section(std::string_view name) noexcept
+{
+    return is_sata(name);
+}
+
+} // namespace kemo::share
 
 extern "C" {
 
 KEMO_API int KEMOShareGet(int type, const char *name, PKEMOSHARE out, int size, int *needed)
 {
-    return kemo::edge(-1, [&] { return share_get(type, name, out, size, needed); });
+    if (type != KEMO_ACCOUNT_LOCAL || name == nullptr || needed == nullptr || size < 0 ||
+        (out == nullptr && size != 0)) {
+        KEMO_LOG("kemoshare: KEMOShareGet: bad parameters!");
+        return fail(-1, ERR_BAD_PARAMETERS);
+    }
+    return kemo::edge(-1, [&] { return share_get(name, out, size, needed); });
 }
 
 KEMO_API int KEMOShareEnum(char **out, int size, int *needed)
 {
-    return KEMOShareEnum1(out, size, needed,
-                          KEMO_SHARE_ORDINARY | KEMO_SHARE_USB | KEMO_SHARE_SATA);
+    if (!enum_arguments_ok(out, size, needed))
+        return fail(-1, ERR_BAD_PARAMETERS);
+    return kemo::edge(-1, [&] {
+        return kemo::share::enumerate(out, size, needed,
+                                      KEMO_SHARE_ORDINARY | KEMO_SHARE_USB | KEMO_SHARE_SATA);
+    });
 }
 
 KEMO_API int KEMOShareEnum1(char **out, int size, int *needed, int kinds)
 {
-    return kemo::edge(-1, [&] { return share_enum(out, size, needed, kinds); });
+    if (!enum_arguments_ok(out, size, needed) || kinds <= 0 ||
+        (kinds & ~(KEMO_SHARE_ORDINARY | KEMO_SHARE_USB | KEMO_SHARE_SATA)) != 0)
+        return fail(-1, ERR_BAD_PARAMETERS);
+    return kemo::edge(-1, [&] { return kemo::share::enumerate(out, size, needed, kinds); });
 }
 
 KEMO_API int BlShareIIsUsbSection(const char *name)
 {
-    return name != nullptr && is_usb(name) ? 1 : 0;
+    return name != nullptr && kemo::share::is_usb_section(name) ? 1 : 0;
 }
 
 KEMO_API int BlShareIIsSATASection(const char *name)
 {
-    return name != nullptr && is_sata(name) ? 1 : 0;
+    return name != nullptr && kemo::share::is_sata_section(name) ? 1 : 0;
 }
 
 // Takes no lock: callers may already hold the share lock in any mode.  A

@@ -13,6 +13,8 @@
 // share and must lie on a data volume, and the system's own groups are
 // never redefined by a restore.
 #include "kemo_accounts.hpp"
+#include "kemo_share.hpp"
+#include "kemogrp_internal.hpp"
 #include "kemo_io.hpp"
 #include "kemo_sysbackup.hpp"
 
@@ -204,20 +206,22 @@ struct StoredGroup {
 // The group's stored name and members (KEMOGroupGet's layout: name first).
 std::optional<StoredGroup> read_group(const std::string &name)
 {
+    if (name.empty())
+        return kemo::fail(std::optional<StoredGroup>(), ERR_BAD_PARAMETERS);
     int needed = 0;
-    if (KEMOGroupGet(KEMO_GROUP_LOCAL, KEMO_ACCOUNT_LOCAL, name.c_str(), nullptr, 0, &needed) < 0)
+    if (kemo::groups::get_group(KEMO_GROUP_LOCAL, name.c_str(), nullptr, 0, &needed) < 0)
         return std::nullopt;
     std::vector<char *> buffer(static_cast<std::size_t>(needed) / sizeof(char *) + 1);
-    if (KEMOGroupGet(KEMO_GROUP_LOCAL, KEMO_ACCOUNT_LOCAL, name.c_str(), buffer.data(),
-                     static_cast<int>(buffer.size() * sizeof(char *)), &needed) != 1)
+    if (kemo::groups::get_group(KEMO_GROUP_LOCAL, name.c_str(), buffer.data(),
+                                static_cast<int>(buffer.size() * sizeof(char *)), &needed) != 1)
         return std::nullopt;
     StoredGroup group;
     group.name = buffer[0];
     for (char **p = buffer.data() + 1; *p != nullptr; ++p)
         group.members.emplace_back(*p);
-    if (KEMOGroupGetDesc(name.c_str(), nullptr, 0, &needed) == 0) {
+    if (kemo::groups::get_desc(name.c_str(), nullptr, 0, &needed) == 0) {
         std::string desc(static_cast<std::size_t>(needed), '\0');
-        if (KEMOGroupGetDesc(name.c_str(), desc.data(), needed, &needed) == 1)
+        if (kemo::groups::get_desc(name.c_str(), desc.data(), needed, &needed) == 1)
             group.desc = desc.c_str();
     }
     return group;
@@ -295,11 +299,13 @@ bool restore_group(const StoredGroup &g, GroupRestore what)
     record.push_back(nullptr);
     const bool present = PgrpKLIBGetLocalGrNam(g.name.c_str()) != nullptr;
     KLIBEndGrEnt();
-    if (KEMOGroupSet(KEMO_GROUP_LOCAL, KEMO_ACCOUNT_LOCAL, present ? g.name.c_str() : nullptr,
-                     record.data()) != 0)
+    if (kemo::groups::set_group(present ? g.name.c_str() : nullptr, record.data()) != 0)
         return false;
-    return what != GroupRestore::whole || g.desc.empty() ||
-           KEMOGroupSetDesc(g.name.c_str(), g.desc.c_str()) == 0;
+    if (what != GroupRestore::whole || g.desc.empty())
+        return true;
+    if (!kemo::groups::desc_arguments_ok(g.name.c_str(), g.desc.c_str()))
+        return kemo::fail(false, ERR_BAD_PARAMETERS);
+    return kemo::groups::set_desc(g.name.c_str(), g.desc.c_str()) == 0;
 }
 
 int import_groups(int fd, int apply)
@@ -369,7 +375,7 @@ bool reserved_share_name(const std::string &name)
     for (std::string_view reserved : {"global", "homes", "home", "printers"})
         if (acc::equal_nocase(name, reserved))
             return true;
-    return BlShareIIsUsbSection(name.c_str()) == 1 || BlShareIIsSATASection(name.c_str()) == 1;
+    return kemo::share::is_usb_section(name) || kemo::share::is_sata_section(name);
 }
 
 // True for a folder on a data volume: "/volume" and its digit, then "/"
@@ -440,8 +446,8 @@ bool read_shares(std::vector<StoredShare> &out)
             const auto close = line.find(']');
             const std::string name = line.substr(1, close - 1);
             const bool wanted = !acc::equal_nocase(name, "global") &&
-                                BlShareIIsUsbSection(name.c_str()) == 0 &&
-                                BlShareIIsSATASection(name.c_str()) == 0;
+                                !kemo::share::is_usb_section(name) &&
+                                !kemo::share::is_sata_section(name);
             current = wanted ? &out.emplace_back(StoredShare{name, {}}) : nullptr;
             continue;
         }

@@ -100,8 +100,8 @@ int collect_users(int flags, std::vector<std::string> *names)
         PKLIBSZLIST list = PslKLIBSzListAlloc(1024);
         if (list == nullptr)
             return -1;
-        const int found = (flags & KEMO_USER_DOMAIN_ALL) != 0 ? KEMOPushDUser(&list)
-                                                               : KEMOPushDUserUsed(&list);
+        const int found = (flags & KEMO_USER_DOMAIN_ALL) != 0 ? kemo::domain::push_users(&list)
+                                                               : kemo::domain::push_used_users(&list);
         // A domain that cannot be listed adds no users.
         if (found > 0) {
             count += list->nItem;
@@ -224,49 +224,25 @@ int user_record(const char *name, PKEMOUSER out, int size, int *needed)
 
 } // namespace
 
-} // namespace kemo::accounts
-
-using namespace kemo::accounts;
-using kemo::fail;
-
-extern "C" {
-
-KEMO_API struct passwd *KLIBGetPwNam(const char *name)
+passwd *local_pw_record(const char *name)
 {
-    if (!name_length_ok(name))
-        return fail<passwd *>(nullptr, ERR_BAD_PARAMETERS);
-    return kemo::edge<passwd *>(nullptr, [&] { return local_record(name); });
+    passwd *pw = local_record(name);
+    if (pw == nullptr)
+        return nullptr;
+    std::string hash;
+    long expire = 0;
+    if (!shadow_of(name, hash, expire))
+        return nullptr;
+    copy_text(g_local_record.password, sizeof g_local_record.password, hash);
+    return pw;
 }
 
-KEMO_API struct passwd *PpwGetLocalPwNam(const char *name)
+passwd *domain_pw_record(const char *name)
 {
-    if (!name_length_ok(name))
-        return fail<passwd *>(nullptr, ERR_BAD_PARAMETERS);
-    return kemo::edge<passwd *>(nullptr, [&]() -> passwd * {
-        passwd *pw = local_record(name);
-        if (pw == nullptr)
-            return nullptr;
-        std::string hash;
-        long expire = 0;
-        if (!shadow_of(name, hash, expire))
-            return nullptr;
-        copy_text(g_local_record.password, sizeof g_local_record.password, hash);
-        return pw;
-    });
-}
-
-KEMO_API struct passwd *PpwGetDomainPwNam(const char *name)
-{
-    if (name == nullptr)
-        return fail<passwd *>(nullptr, ERR_BAD_PARAMETERS);
-    if (!name_length_ok(name)) {
-        KEMO_LOG("KLIBUnicodeUTF8StrCountChar fail");
-        return fail<passwd *>(nullptr, ERR_BAD_PARAMETERS);
-    }
-    const int uid = KEMOGetDUserUid(name);
+    const int uid = kemo::domain::user_uid(name);
     if (uid < 0)
         return nullptr;
-    const int gid = KEMOGetDUserGid(name);
+    const int gid = kemo::domain::user_gid(name);
     if (gid < 0)
         return nullptr;
     PwRecord &r = g_domain_record;
@@ -286,16 +262,55 @@ KEMO_API struct passwd *PpwGetDomainPwNam(const char *name)
     return &r.pw;
 }
 
+// A local or domain account's record, by the form of its name.
+passwd *pw_record(const char *name)
+{
+    const bool domain = kemo::domain::name_kind(name) == 2;
+    if (!name_length_ok(name)) {
+        if (domain)
+            KEMO_LOG("KLIBUnicodeUTF8StrCountChar fail");
+        return fail<passwd *>(nullptr, ERR_BAD_PARAMETERS);
+    }
+    return domain ? domain_pw_record(name) : local_pw_record(name);
+}
+
+} // namespace kemo::accounts
+
+using namespace kemo::accounts;
+using kemo::fail;
+
+extern "C" {
+
+KEMO_API struct passwd *KLIBGetPwNam(const char *name)
+{
+    if (!name_length_ok(name))
+        return fail<passwd *>(nullptr, ERR_BAD_PARAMETERS);
+    return kemo::edge<passwd *>(nullptr, [&] { return local_record(name); });
+}
+
+KEMO_API struct passwd *PpwGetLocalPwNam(const char *name)
+{
+    if (!name_length_ok(name))
+        return fail<passwd *>(nullptr, ERR_BAD_PARAMETERS);
+    return kemo::edge<passwd *>(nullptr, [&] { return local_pw_record(name); });
+}
+
+KEMO_API struct passwd *PpwGetDomainPwNam(const char *name)
+{
+    if (name == nullptr)
+        return fail<passwd *>(nullptr, ERR_BAD_PARAMETERS);
+    if (!name_length_ok(name)) {
+        KEMO_LOG("KLIBUnicodeUTF8StrCountChar fail");
+        return fail<passwd *>(nullptr, ERR_BAD_PARAMETERS);
+    }
+    return kemo::edge<passwd *>(nullptr, [&] { return domain_pw_record(name); });
+}
+
 KEMO_API struct passwd *PpwGetPwNam(const char *name)
 {
-    switch (IsDomainUG(name)) {
-    case 1:
-        return PpwGetLocalPwNam(name);
-    case 2:
-        return PpwGetDomainPwNam(name);
-    default:
-        return nullptr;
-    }
+    if (name == nullptr)
+        return fail<passwd *>(nullptr, ERR_BAD_PARAMETERS);
+    return kemo::edge<passwd *>(nullptr, [&] { return pw_record(name); });
 }
 
 KEMO_API void KLIBEndPwEnt(void)

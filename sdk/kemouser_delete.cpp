@@ -11,13 +11,84 @@ namespace {
 void record_sessions(const char *user, std::vector<int32_t> &pids)
 {
     std::vector<int32_t> found(1024);
-    const int n = KEMOGetConnPidOfSmb(user, found.data(), static_cast<int>(found.size()));
+    const int n = kemo::domain::session_pids(user, found.data(), static_cast<int>(found.size()));
     if (n > 0)
         pids.insert(pids.end(), found.begin(), found.begin() + std::min(n, static_cast<int>(found.size())));
 }
 
 
 } // namespace
+
+int delete_users(const char *const *names, int count)
+{
+    auto lock = account_lock(kAccountWriteLock, kAccountWriteUnlock);
+    if (!lock.held())
+        return fail(-1, ERR_LOCK_FAILED);
+    const bool guest = guest_support();
+    AccountFile passwd_file, shadow, smbpasswd;
+    if (!passwd_file.read(kPasswd)) {
+        KEMO_LOG("kemouser: KEMOUserDelete(): SDKIDelPasswd() returned -1!");
+        return -1;
+    }
+    NameKeys asked;
+    for (int i = 0; i < count; ++i)
+        if (names[i] != nullptr)
+            asked.add(key_of(names[i]));
+    const LineIndex accounts = index_lines(passwd_file, asked);
+
+    MemberMap deleted;
+    NameKeys dropped;
+    MailEdit mail;
+    std::vector<int32_t> pids;
+    for (int i = 0; i < count; ++i) {
+        const char *name = names[i];
+        if (name == nullptr || same_name(name, "root") || same_name(name, "admin") ||
+            (guest && same_name(name, "guest")))
+            continue;
+        std::string key = key_of(name);
+        const auto account = accounts.find(key);
+        if (account == accounts.end() || deleted.contains(key) ||
+            system_account(passwd_file[account->second]))
+            continue;
+        record_sessions(std::string(name_of(passwd_file[account->second])).c_str(), pids);
+        deleted.emplace(key, std::nullopt);
+        dropped.add(key);
+        mail.remove(key);
+    }
+    if (deleted.empty())
+        return fail(0, ERR_INVALID_USERNAME);
+    // Clearing the deleted users' quotas goes here, before the files change.
+
+    Transaction txn;
+    txn.stage(kPasswd, without_accounts(passwd_file, dropped));
+    if (!shadow.read(kShadow)) {
+        KEMO_LOG("kemouser: KEMOUserDelete(): SDKIDelShadow() returned -1!");
+        return -1;
+    }
+    txn.stage(kShadow, without_accounts(shadow, dropped));
+    if (!smbpasswd.read(kSmbpasswd)) {
+        KEMO_LOG("kemouser: KEMOUserDelete(): SDKIDelSmbpasswd() returned -1!");
+        return -1;
+    }
+    txn.stage(kSmbpasswd, without_accounts(smbpasswd, dropped));
+    if (!stage_mail(txn, mail)) {
+        KEMO_LOG("remove mail failed");
+        return -1;
+    }
+    if (!stage_list_rewrite(txn, deleted, "", true)) {
+        KEMO_LOG("kemouser: KEMOUserDelete(): SDKIModifySmbConf() returned -1!");
+        return -1;
+    }
+    if (!txn.commit()) {
+        KEMO_LOG("kemouser: KEMOUserDelete(): SDKIDelRenameTmpFile() returned -1!");
+        return -2;
+    }
+    lock.release();
+    signal_download_scheduler();
+    if (!pids.empty())
+        kemo::domain::end_sessions(pids.data(), static_cast<int>(pids.size()));
+    return static_cast<int>(deleted.size());
+}
 
 } // namespace kemo::accounts
 
@@ -33,75 +104,7 @@ KEMO_API int KEMOUserDelete(const char *const *names, int count)
                  static_cast<const void *>(names));
         return fail(-1, ERR_BAD_PARAMETERS);
     }
-    return kemo::edge(-1, [&] {
-        auto lock = account_lock(kAccountWriteLock, kAccountWriteUnlock);
-        if (!lock.held())
-            return fail(-1, ERR_LOCK_FAILED);
-        const bool guest = guest_support();
-        AccountFile passwd_file, shadow, smbpasswd;
-        if (!passwd_file.read(kPasswd)) {
-            KEMO_LOG("kemouser: KEMOUserDelete(): SDKIDelPasswd() returned -1!");
-            return -1;
-        }
-        NameKeys asked;
-        for (int i = 0; i < count; ++i)
-            if (names[i] != nullptr)
-                asked.add(key_of(names[i]));
-        const LineIndex accounts = index_lines(passwd_file, asked);
-
-        MemberMap deleted;
-        NameKeys dropped;
-        MailEdit mail;
-        std::vector<int32_t> pids;
-        for (int i = 0; i < count; ++i) {
-            const char *name = names[i];
-            if (name == nullptr || same_name(name, "root") || same_name(name, "admin") ||
-                (guest && same_name(name, "guest")))
-                continue;
-            std::string key = key_of(name);
-            const auto account = accounts.find(key);
-            if (account == accounts.end() || deleted.contains(key) ||
-                system_account(passwd_file[account->second]))
-                continue;
-            record_sessions(std::string(name_of(passwd_file[account->second])).c_str(), pids);
-            deleted.emplace(key, std::nullopt);
-            dropped.add(key);
-            mail.remove(key);
-        }
-        if (deleted.empty())
-            return fail(0, ERR_INVALID_USERNAME);
-        // Clearing the deleted users' quotas goes here, before the files change.
-
-        Transaction txn;
-        txn.stage(kPasswd, without_accounts(passwd_file, dropped));
-        if (!shadow.read(kShadow)) {
-            KEMO_LOG("kemouser: KEMOUserDelete(): SDKIDelShadow() returned -1!");
-            return -1;
-        }
-        txn.stage(kShadow, without_accounts(shadow, dropped));
-        if (!smbpasswd.read(kSmbpasswd)) {
-            KEMO_LOG("kemouser: KEMOUserDelete(): SDKIDelSmbpasswd() returned -1!");
-            return -1;
-        }
-        txn.stage(kSmbpasswd, without_accounts(smbpasswd, dropped));
-        if (!stage_mail(txn, mail)) {
-            KEMO_LOG("remove mail failed");
-            return -1;
-        }
-        if (!stage_list_rewrite(txn, deleted, "", true)) {
-            KEMO_LOG("kemouser: KEMOUserDelete(): SDKIModifySmbConf() returned -1!");
-            return -1;
-        }
-        if (!txn.commit()) {
-            KEMO_LOG("kemouser: KEMOUserDelete(): SDKIDelRenameTmpFile() returned -1!");
-            return -2;
-        }
-        lock.release();
-        signal_download_scheduler();
-        if (!pids.empty())
-            KEMODelConnOfSmb(pids.data(), static_cast<int>(pids.size()));
-        return static_cast<int>(deleted.size());
-    });
+    return kemo::edge(-1, [&] { return kemo::accounts::delete_users(names, count); });
 }
 
 } // extern "C"

@@ -22,8 +22,8 @@ std::string fresh_salt()
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
     std::string salt = "$1$";
-    salt += static_cast<char>(KEMOUserRandomNumMap2Seed(static_cast<int>(now.tv_sec % 4096)));
-    salt += static_cast<char>(KEMOUserRandomNumMap2Seed(static_cast<int>(now.tv_nsec / 1000)));
+    salt += static_cast<char>(salt_char(static_cast<int>(now.tv_sec % 4096)));
+    salt += static_cast<char>(salt_char(static_cast<int>(now.tv_nsec / 1000)));
     unsigned char random[6] = {};
     if (getrandom(random, sizeof random, 0) != static_cast<ssize_t>(sizeof random)) {
         // No random source: spread the clock and the process id instead.
@@ -35,7 +35,7 @@ std::string fresh_salt()
         }
     }
     for (const unsigned char c : random)
-        salt += static_cast<char>(KEMOUserRandomNumMap2Seed(c));
+        salt += static_cast<char>(salt_char(c));
     return salt;
 }
 
@@ -84,16 +84,21 @@ std::string encoded_desc(const char *desc)
     return out;
 }
 
+int salt_char(int n) noexcept
+{
+    static constexpr char alphabet[] =
+        "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz./";
+    const long long magnitude = n < 0 ? -static_cast<long long>(n) : n;
+    return alphabet[magnitude % 64];
+}
+
 } // namespace kemo::accounts
 
 extern "C" {
 
 KEMO_API int KEMOUserRandomNumMap2Seed(int n)
 {
-    static constexpr char alphabet[] =
-        "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz./";
-    const long long magnitude = n < 0 ? -static_cast<long long>(n) : n;
-    return alphabet[magnitude % 64];
+    return kemo::accounts::salt_char(n);
 }
 
 } // extern "C"

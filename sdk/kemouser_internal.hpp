@@ -5,6 +5,7 @@
 #pragma once
 
 #include "kemo_accounts.hpp"
+#include "kemo_domain.hpp"
 #include "kemo_io.hpp"
 #include "kemo_records.hpp"
 
@@ -377,5 +378,14 @@ void stage_web_password(Transaction &txn, std::string_view admin_hash);
 // Lets the Apple file server accept guests (guest_has_password false) or
 // not.  false with the code set.
 bool set_guest_afpd(bool guest_has_password);
+
+// The bodies of the public user functions, with checked arguments.
+// Creates or changes local users (KEMOUserSet): 0, or -1..-7 with the
+// error code set.
+int set_users(const KEMOUSERSET *users, int count);
+// Deletes local users (KEMOUserDelete): the number deleted, or < 0.
+int delete_users(const char *const *names, int count);
+// The salt alphabet's character for n (any int, sign ignored).
+int salt_char(int n) noexcept;
 
 } // namespace kemo::accounts

@@ -518,7 +518,7 @@ void UserBatch::after_commit()
 {
     for (const Change &c : changes_)
         if (c.new_password && c.stored == nullptr) // a restored hash has no plain text
-            KEMONetBackupSetServerPasswd(c.in->szName, c.in->szPasswd);
+            kemo::domain::set_backup_password(c.in->szName, c.in->szPasswd);
     if (guest_ != nullptr && guest_->szPasswd != nullptr &&
         !set_guest_afpd(*guest_->szPasswd != '\0'))
         KEMO_LOG("SDKISetGuestAfpd failed");
@@ -623,6 +623,18 @@ int set_local(const KEMOUSERSET *users, int count, PKLIBSZLIST *errorList)
 
 } // namespace
 
+int set_users(const KEMOUSERSET *users, int count)
+{
+    PKLIBSZLIST errors = PslKLIBSzListAlloc(512);
+    if (errors == nullptr)
+        return -1;
+    const int result = set_local(users, count, &errors);
+    KLIBSzListFree(errors);
+    if (result == 0)
+        signal_download_scheduler();
+    return result;
+}
+
 } // namespace kemo::accounts
 
 using namespace kemo::accounts;
@@ -641,16 +653,7 @@ KEMO_API int KEMOUserSet(int type, const KEMOUSERSET *users, int count)
 {
     if (type != KEMO_ACCOUNT_LOCAL || users == nullptr || count <= 0)
         return fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        PKLIBSZLIST errors = PslKLIBSzListAlloc(512);
-        if (errors == nullptr)
-            return -1;
-        const int result = set_local(users, count, &errors);
-        KLIBSzListFree(errors);
-        if (result == 0)
-            signal_download_scheduler();
-        return result;
-    });
+    return kemo::edge(-1, [&] { return kemo::accounts::set_users(users, count); });
 }
 
 } // extern "C"
