@@ -15,6 +15,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
@@ -94,9 +95,68 @@ std::optional<int32_t> size_of(const LogClass &c);
 // Creates /etc/kemolog.conf with its defaults when it is missing: 1 when
 // created, 0 when it was there, -1 when it could not be created.
 int create_conf_if_missing();
-// Shrinks the class's log to at most size bytes (KEMOLogChangeSize).
+// Shrinks the class's log to at most size bytes (size >= 0): 0 when
+// nothing had to go or the log is not there, else as compact().
 int shrink(int size, long long log_class);
 bool file_exists(const char *path);
+// Writes /etc/kemolog.conf with every class's default file and size.
+// 0, or -1 (ERR_OPEN_FAILED when its twin could not be made).
+int write_default_conf();
+// Stores size as the class's limit (creating the configuration file when
+// it is missing) and shrinks its log to it.  0 or -1.
+int set_size(int size, const LogClass &c, int log_class);
+
+// ------------------------------------------------------------ ring file
+
+// Gives a file without the "KEMO" magic the header of an empty ring.
+// 0, or -1 with ERR_WRITE_FAILED.
+int init_ring(int fd);
+// The header's head or tail; kNone when it cannot be read.
+uint32_t head_of(int fd);
+uint32_t tail_of(int fd);
+// Store the head (then fsync) or the tail (after an fsync of the records
+// it comes to cover).  0, or -1 with ERR_WRITE_FAILED.
+int set_head(int fd, uint32_t head);
+int set_tail(int fd, uint32_t tail);
+// Plain writes and reads at the position: bytes written (or -1), count
+// read (or -1 for a short read).
+int write_bytes(int fd, const void *buffer, int count);
+int read_bytes(int fd, void *buffer, int count);
+
+// ------------------------------------------------------------ events
+
+// Room of the exported buffer that holds the user name of events.
+inline constexpr std::size_t kUserRoom = 256;
+// The user recorded with an event: $USERNAME, else the effective user's
+// name in /etc/passwd; "admin" for root; at most kUserRoom - 1 bytes.
+// error is 0, ERR_OPEN_FAILED (no /etc/passwd) or ERR_KEY_NOT_FOUND (no
+// such user; the name is then empty).  The error code is left alone.
+std::string event_user(int &error);
+// Appends one event to the ring file at path, limited to glogsizeMax
+// bytes.  Null arguments are stored empty.  0, or -1 with the error code.
+int append_event(const char *path, uint32_t type, uint32_t event_id, const std::array<const char *, 4> &args);
+// Appends one event to the log of log_class (class 2 goes into the system
+// log), creating the configuration file when it is missing and applying
+// the class's size limit first.  Empty arguments are stored as one blank.
+// 0, or -1 with the error code (ERR_BAD_PARAMETERS for an unknown class).
+int write_event(uint32_t log_class, uint32_t type, uint32_t event_id, const std::array<const char *, 4> &args);
+
+// ------------------------------------------------------------ reading
+
+// Writes the text of every record of the log at log_path into the file
+// output_path (made for the caller, never through a planted name), in
+// language (a valid catalogue code).  0, or -1 with the error code.
+int read_log(const char *log_path, const char *output_path, const char *language);
+// The same for the log of class c, with the defaults of a null output path
+// ("./output") and language ("enu"); the event texts are dropped afterwards.
+int read_class_log(const LogClass &c, const char *output_path, const char *language);
+// Drops at least `drop` bytes of the oldest records of the log at path and
+// replaces it with the rest (owner and mode kept).  0, or -1.
+int compact(int drop, const char *path);
+
+// The local time of seconds as "YYYY/MM/DD hh:mm:ss"; empty when it
+// cannot be converted.
+std::string time_text(int64_t seconds);
 
 // ------------------------------------------------------------ descriptors
 
@@ -160,5 +220,11 @@ enum class Spread { printed, unknown, truncated, failed };
 // Prints the text line of one record body; nothing for a truncated body or
 // an unknown event.
 Spread spread(FILE *out, const unsigned char *body, int size, const char *language, TypeNames &types);
+// The same for one record on its own: 0, or -1 with ERR_FORMAT_ERROR (a
+// truncated body) or ERR_WRITE_FAILED.
+int spread_record(FILE *out, const unsigned char *body, int size, const char *language);
+// The event's text in language with its placeholders filled, in memory the
+// caller frees; null for an unknown event (or ERR_OUT_OF_MEMORY).
+char *event_sentence(uint32_t event_id, const char *language, const std::array<const char *, 4> &args);
 
 } // namespace kemo::eventlog

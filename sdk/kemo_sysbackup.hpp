@@ -19,6 +19,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <string_view>
 
 // Messages begin with the name of the exported function and the line.
 #define BKP_LOG(fn, fmt, ...) \
@@ -62,6 +63,48 @@ bool read_u32(int fd, uint32_t &v) noexcept;
 std::optional<long long> remaining(int fd) noexcept;
 
 
+// ------------------------------------------------------------ typed values
+// Each writes or reads at the position of fd and logs a failure under the
+// name of the exported function it serves; none sets the error code.
+
+// A section header (id, the registry's version, a zero size).  0 or -1.
+int write_header(int fd, uint32_t id);
+// Patches the size word in front of begin with end - begin, then moves to
+// end.  0, or -1 (also for offsets that cannot be a section body).
+int write_block_size(int fd, int64_t begin, int64_t end);
+// A string value: type 1, strlen + 1, the text and its NUL.  0 or -1.
+int write_string(int fd, std::string_view text);
+// One string value into text.  false on a damaged or cut value, or one
+// whose length runs past the end of a regular file.
+bool read_text(int fd, std::string &text);
+// The same into memory the caller frees (*text null on failure).  0 or -1.
+int read_string(int fd, char **text);
+// A long value: type 2, 4, the value.  0 or -1.
+int write_long(int fd, int32_t value);
+int read_long(int fd, int32_t &value);
+// count bytes (a multiple of 4) of host-order words, each stored
+// big-endian.  write: 0 or -1; read: count, 0 at the end of the file, or -1.
+int raw_write(int fd, const void *buffer, int count);
+int raw_read(int fd, void *buffer, int count);
+
+// ------------------------------------------------------------ registry
+
+// Index of id in the registry, or -1 (silently).
+int index_of(uint32_t id) noexcept;
+// The same, logging an unknown id.
+int section_index(uint32_t id) noexcept;
+// Exports the sections of mask into a new file at path (made for the
+// caller, at most owner read and write).  fn names the exported function
+// in the messages.  0 or -1.
+int export_file(const char *fn, const char *path, uint32_t mask, unsigned int mode);
+// Checks (apply 0) or restores the sections of mask from the file at path,
+// with the file and network services stopped meanwhile; gimp_status keeps
+// the bits of the sections that did not fail.  0 or -1.
+int import_file(const char *fn, const char *path, uint32_t mask, int apply);
+// The finishing entry's import: drops the user map that the account
+// sections built.  Always 0.
+int finish_import();
+
 // Writes one section at the current position of fd: its header, the values
 // body() writes, then the patched body size.  fn names the exported
 // function in the messages.  0, or -1 (logged, and failed_event appended to
@@ -69,11 +112,13 @@ std::optional<long long> remaining(int fd) noexcept;
 int write_section(const char *fn, int fd, uint32_t id, const std::function<bool()> &body,
                   uint32_t failed_event = 0);
 
-// One string value into text.  false on a damaged or cut value.
-bool read_text(int fd, std::string &text);
-
 // Appends a section's failure event (an error, with arg1 as its first
 // argument) to the system's event log.
 void report(uint32_t event, const char *arg1 = "");
 
 } // namespace kemo::sysbackup
+
+// The short spelling of the backup's namespace.
+namespace kemo {
+namespace sysbkp = sysbackup;
+} // namespace kemo

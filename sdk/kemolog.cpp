@@ -173,7 +173,7 @@ int place_record(int fd, off_t size, const std::string &record, int64_t limit)
     const ssize_t got = ::pread(fd, h, kArea, 0);
     uint32_t head = kArea, tail = kArea;
     if (got < 4 || std::memcmp(h, "KEMO", 4) != 0) {
-        if (KEMOLogInit(fd) != 0)
+        if (init_ring(fd) != 0)
             return fail(-1, ERR_WRITE_FAILED);
         size = std::max<off_t>(size, kArea);
     } else {
@@ -184,7 +184,7 @@ int place_record(int fd, off_t size, const std::string &record, int64_t limit)
     const auto outside = [&](uint32_t at) { return at == kNone || at < kArea || at > size; };
     if (outside(head) || outside(tail) || head == tail) {
         if (head != kArea || tail != kArea) {
-            if (KEMOLogSetHead(fd, kArea) != 0 || KEMOLogSetTail(fd, kArea) != 0)
+            if (set_head(fd, kArea) != 0 || set_tail(fd, kArea) != 0)
                 return fail(-1, ERR_WRITE_FAILED);
         }
         head = tail = kArea;
@@ -194,7 +194,7 @@ int place_record(int fd, off_t size, const std::string &record, int64_t limit)
         if (limit - tail - 2 >= length) {
             if (!write_at(fd, tail, record.data(), count))
                 return fail(-1, ERR_WRITE_FAILED);
-            return KEMOLogSetTail(fd, tail + static_cast<uint32_t>(length)) == 0 ? 0
+            return set_tail(fd, tail + static_cast<uint32_t>(length)) == 0 ? 0
                                                                              : fail(-1, ERR_WRITE_FAILED);
         }
         // No room before the limit: mark the end and go on at 16, freeing
@@ -211,14 +211,14 @@ int place_record(int fd, off_t size, const std::string &record, int64_t limit)
                 return fail(-1, ERR_FORMAT_ERROR);
             head += n;
             freed += n;
-            if (KEMOLogSetHead(fd, head) != 0)
+            if (set_head(fd, head) != 0)
                 return fail(-1, ERR_WRITE_FAILED);
         }
         if (!write_at(fd, kArea, record.data(), count)) {
             KEMO_LOG("sdk/kemolog1 : line 371");
             return fail(-1, ERR_WRITE_FAILED);
         }
-        return KEMOLogSetTail(fd, kArea + static_cast<uint32_t>(length)) == 0 ? 0
+        return set_tail(fd, kArea + static_cast<uint32_t>(length)) == 0 ? 0
                                                                              : fail(-1, ERR_WRITE_FAILED);
     }
 
@@ -255,7 +255,7 @@ int place_record(int fd, off_t size, const std::string &record, int64_t limit)
                     head = kArea + n;
                 }
             }
-            if (KEMOLogSetHead(fd, head) != 0)
+            if (set_head(fd, head) != 0)
                 return fail(-1, ERR_WRITE_FAILED);
         }
     }
@@ -263,13 +263,146 @@ int place_record(int fd, off_t size, const std::string &record, int64_t limit)
         KEMO_LOG("sdk/kemolog1 : lline 432");
         return fail(-1, ERR_WRITE_FAILED);
     }
-    return KEMOLogSetTail(fd, tail + static_cast<uint32_t>(length)) == 0 ? 0 : fail(-1, ERR_WRITE_FAILED);
+    return set_tail(fd, tail + static_cast<uint32_t>(length)) == 0 ? 0 : fail(-1, ERR_WRITE_FAILED);
+}
+
+// The user name cached with what it was read from, so that an append does
+// not read /etc/passwd again while it stays the same file.
+struct UserCache {
+    bool valid = false;
+    uid_t uid = 0;
+    dev_t dev = 0;
+    ino_t ino = 0;
+    struct timespec mtime {};
+    off_t size = 0;
+    std::string name;
+    int error = 0;
+};
+
+} // namespace
+
+namespace kemo::eventlog {
+
+int init_ring(int fd)
+{
+    char magic[4];
+    if (::pread(fd, magic, 4, 0) == 4 && std::memcmp(magic, "KEMO", 4) == 0)
+        return 0;
+    if (!write_at(fd, 0, "KEMO", 4)) {
+        KEMO_LOG("sdk/kemolog1: line 99");
+        return fail(-1, ERR_WRITE_FAILED);
+    }
+    if (!write_u32_at(fd, 8, kArea)) {
+        KEMO_LOG("sdk/kemolog1: line 104");
+        return fail(-1, ERR_WRITE_FAILED);
+    }
+    if (!write_u32_at(fd, 12, kArea)) {
+        KEMO_LOG("sdk/kemolog1: line 110");
+        return fail(-1, ERR_WRITE_FAILED);
+    }
+    return 0;
+}
+
+uint32_t head_of(int fd)
+{
+    unsigned char b[4];
+    return ::pread(fd, b, 4, 8) == 4 ? get_u32(b) : kNone;
+}
+
+uint32_t tail_of(int fd)
+{
+    unsigned char b[4];
+    return ::pread(fd, b, 4, 12) == 4 ? get_u32(b) : kNone;
+}
+
+int set_head(int fd, uint32_t head)
+{
+    // The head is made durable right after it moves.
+    if (!write_u32_at(fd, 8, head) || ::fsync(fd) != 0) {
+        KEMO_LOG("sdk/kemolog1: line 160");
+        return fail(-1, ERR_WRITE_FAILED);
+    }
+    return 0;
+}
+
+int set_tail(int fd, uint32_t tail)
+{
+    // The records the tail comes to cover reach the disk before it moves.
+    if (::fsync(fd) != 0 || !write_u32_at(fd, 12, tail)) {
+        KEMO_LOG("sdk/kemolog1: line 138");
+        return fail(-1, ERR_WRITE_FAILED);
+    }
+    return 0;
+}
+
+int write_bytes(int fd, const void *buffer, int count)
+{
+    const ssize_t n = ::write(fd, buffer, static_cast<std::size_t>(count));
+    if (n < 0)
+        KEMO_LOG("KEMOLogWriteByte(): write() error!, input count is [%d]", count);
+    return static_cast<int>(n);
+}
+
+int read_bytes(int fd, void *buffer, int count)
+{
+    const ssize_t n = ::read(fd, buffer, static_cast<std::size_t>(count));
+    return n == count ? count : -1;
+}
+
+std::string event_user(int &error)
+{
+    static UserCache cache;
+    std::string user;
+    error = 0;
+    if (const char *name = std::getenv("USERNAME")) {
+        user = name;
+    } else {
+        struct stat st;
+        const uid_t uid = ::geteuid();
+        if (::stat("/etc/passwd", &st) != 0) {
+            cache = UserCache{};
+            cache.error = ERR_OPEN_FAILED;
+        } else if (!cache.valid || cache.uid != uid || cache.dev != st.st_dev || cache.ino != st.st_ino ||
+                   cache.size != st.st_size || cache.mtime.tv_sec != st.st_mtim.tv_sec ||
+                   cache.mtime.tv_nsec != st.st_mtim.tv_nsec) {
+            cache = UserCache{};
+            const std::string wanted = std::to_string(uid);
+            const int scanned = kemo::for_each_line("/etc/passwd", [&](std::string_view line) {
+                // name:password:uid:...
+                const auto first = line.find(':');
+                const auto second = first == std::string_view::npos ? first : line.find(':', first + 1);
+                const auto third = second == std::string_view::npos ? second : line.find(':', second + 1);
+                if (third == std::string_view::npos || line.substr(second + 1, third - second - 1) != wanted)
+                    return 1;
+                cache.name = std::string(line.substr(0, first));
+                return 0;
+            });
+            cache.error = scanned < 0 ? ERR_OPEN_FAILED : cache.name.empty() ? ERR_KEY_NOT_FOUND : 0;
+            cache.valid = scanned >= 0;
+            cache.uid = uid;
+            cache.dev = st.st_dev;
+            cache.ino = st.st_ino;
+            cache.size = st.st_size;
+            cache.mtime = st.st_mtim;
+        }
+        error = cache.error;
+        user = cache.name;
+    }
+    // The name is recorded as the exported buffer of 256 bytes holds it.
+    if (user.size() > kUserRoom - 1)
+        user.resize(kUserRoom - 1);
+    if (user == "root")
+        user = "admin";
+    return user;
 }
 
 int append_event(const char *path, uint32_t type, uint32_t event_id,
                  const std::array<const char *, 4> &args)
 {
-    const char *user = KEMOLogObtainUser();
+    // A user that cannot be looked up is recorded as empty; the write
+    // goes on and leaves the caller's error code alone.
+    int user_error = 0;
+    const std::string user = event_user(user_error);
     std::array<std::string_view, 6> texts{program_invocation_short_name, user};
     for (int i = 0; i < 4; ++i)
         texts[2 + i] = args[i] != nullptr ? args[i] : "";
@@ -300,55 +433,47 @@ int append_event(const char *path, uint32_t type, uint32_t event_id,
     return result;
 }
 
-// The user name cached with what it was read from, so that an append does
-// not read /etc/passwd again while it stays the same file.
-struct UserCache {
-    bool valid = false;
-    uid_t uid = 0;
-    dev_t dev = 0;
-    ino_t ino = 0;
-    struct timespec mtime {};
-    off_t size = 0;
-    std::string name;
-    int error = 0;
-};
+int write_event(uint32_t log_class, uint32_t type, uint32_t event_id, const std::array<const char *, 4> &args)
+{
+    // Class 2 is written into the system log, with the system log's size.
+    const LogClass *c = log_class == 2 ? &kSystem : class_of(log_class);
+    if (c == nullptr) {
+        if (log_class != 4)
+            KEMO_LOG("logclass error!");
+        return fail(-1, ERR_BAD_PARAMETERS);
+    }
+    const int created = create_conf_if_missing();
+    if (created < 0)
+        return -1;
+    const int file_class = log_class == 2 ? 1 : static_cast<int>(log_class);
+    if (created == 1) {
+        glogsizeMax = c->default_size;
+        shrink(c->default_size, file_class);
+    } else {
+        if (log_class >= 3)
+            KEMO_LOG("KEMO : log file %s opened", kConf);
+        const auto size = size_of(*c);
+        glogsizeMax = size ? *size : c->default_size;
+        if (size)
+            shrink(*size, file_class);
+    }
+    const std::string path = file_of(*c);
+    if (path.empty())
+        return fail(-1, ERR_BAD_PARAMETERS);
+    // An empty argument stays visible as a single blank.
+    const auto stored = [](const char *arg) { return arg == nullptr ? "" : *arg == '\0' ? " " : arg; };
+    return append_event(path.c_str(), type, event_id,
+                        {stored(args[0]), stored(args[1]), stored(args[2]), stored(args[3])});
+}
 
-} // namespace
+} // namespace kemo::eventlog
 
 extern "C" {
 
 KEMO_API int KEMOLogSet1(uint32_t logClass, uint32_t type, uint32_t eventId, const char *arg1,
                          const char *arg2, const char *arg3, const char *arg4)
 {
-    return kemo::edge(-1, [&] {
-        // Class 2 is written into the system log, with the system log's size.
-        const LogClass *c = logClass == 2 ? &kSystem : class_of(logClass);
-        if (c == nullptr) {
-            if (logClass != 4)
-                KEMO_LOG("logclass error!");
-            return fail(-1, ERR_BAD_PARAMETERS);
-        }
-        const int created = create_conf_if_missing();
-        if (created < 0)
-            return -1;
-        const int file_class = logClass == 2 ? 1 : static_cast<int>(logClass);
-        if (created == 1) {
-            glogsizeMax = c->default_size;
-            KEMOLogChangeSize(c->default_size, file_class);
-        } else {
-            if (logClass >= 3)
-                KEMO_LOG("KEMO : log file %s opened", kConf);
-            const auto size = size_of(*c);
-            glogsizeMax = size ? *size : c->default_size;
-            if (size)
-                KEMOLogChangeSize(*size, file_class);
-        }
-        const std::string path = file_of(*c);
-        // An empty argument stays visible as a single blank.
-        const auto stored = [](const char *arg) { return arg == nullptr ? "" : *arg == '\0' ? " " : arg; };
-        return KEMOLogSet1a(path.c_str(), type, eventId, stored(arg1), stored(arg2), stored(arg3),
-                            stored(arg4));
-    });
+    return kemo::edge(-1, [&] { return write_event(logClass, type, eventId, {arg1, arg2, arg3, arg4}); });
 }
 
 KEMO_API int KEMOLogSet1a(const char *path, uint32_t type, uint32_t eventId, const char *arg1,
@@ -361,72 +486,41 @@ KEMO_API int KEMOLogSet1a(const char *path, uint32_t type, uint32_t eventId, con
 
 KEMO_API int KEMOLogInit(int fd)
 {
-    char magic[4];
-    if (::pread(fd, magic, 4, 0) == 4 && std::memcmp(magic, "KEMO", 4) == 0)
-        return 0;
-    if (!write_at(fd, 0, "KEMO", 4)) {
-        KEMO_LOG("sdk/kemolog1: line 99");
-        return fail(-1, ERR_WRITE_FAILED);
-    }
-    if (!write_u32_at(fd, 8, kArea)) {
-        KEMO_LOG("sdk/kemolog1: line 104");
-        return fail(-1, ERR_WRITE_FAILED);
-    }
-    if (!write_u32_at(fd, 12, kArea)) {
-        KEMO_LOG("sdk/kemolog1: line 110");
-        return fail(-1, ERR_WRITE_FAILED);
-    }
-    return 0;
+    return init_ring(fd);
 }
 
 KEMO_API uint32_t KEMOLogGetHead(int fd)
 {
-    unsigned char b[4];
-    return ::pread(fd, b, 4, 8) == 4 ? get_u32(b) : kNone;
+    return head_of(fd);
 }
 
 KEMO_API uint32_t KEMOLogGetTail(int fd)
 {
-    unsigned char b[4];
-    return ::pread(fd, b, 4, 12) == 4 ? get_u32(b) : kNone;
+    return tail_of(fd);
 }
 
 KEMO_API int KEMOLogSetHead(int fd, uint32_t head)
 {
-    // The head is made durable right after it moves.
-    if (!write_u32_at(fd, 8, head) || ::fsync(fd) != 0) {
-        KEMO_LOG("sdk/kemolog1: line 160");
-        return fail(-1, ERR_WRITE_FAILED);
-    }
-    return 0;
+    return set_head(fd, head);
 }
 
 KEMO_API int KEMOLogSetTail(int fd, uint32_t tail)
 {
-    // The records the tail comes to cover reach the disk before it moves.
-    if (::fsync(fd) != 0 || !write_u32_at(fd, 12, tail)) {
-        KEMO_LOG("sdk/kemolog1: line 138");
-        return fail(-1, ERR_WRITE_FAILED);
-    }
-    return 0;
+    return set_tail(fd, tail);
 }
 
 KEMO_API int KEMOLogWriteByte(int fd, const void *buffer, int count)
 {
     if (buffer == nullptr || count < 0)
         return fail(-1, ERR_BAD_PARAMETERS);
-    const ssize_t n = ::write(fd, buffer, static_cast<std::size_t>(count));
-    if (n < 0)
-        KEMO_LOG("KEMOLogWriteByte(): write() error!, input count is [%d]", count);
-    return static_cast<int>(n);
+    return write_bytes(fd, buffer, count);
 }
 
 KEMO_API int KEMOLogReadByte(int fd, void *buffer, int count)
 {
     if (buffer == nullptr || count < 0)
         return fail(-1, ERR_BAD_PARAMETERS);
-    const ssize_t n = ::read(fd, buffer, static_cast<std::size_t>(count));
-    return n == count ? count : -1;
+    return read_bytes(fd, buffer, count);
 }
 
 KEMO_API long long KEMOLogTell(int fd)
@@ -436,48 +530,15 @@ KEMO_API long long KEMOLogTell(int fd)
 
 KEMO_API char *KEMOLogObtainUser(void)
 {
-    static char user[256];
-    static UserCache cache;
+    static char user[kUserRoom];
     user[0] = '\0';
-    if (const char *name = std::getenv("USERNAME")) {
-        std::snprintf(user, sizeof user, "%s", name);
-    } else {
-        kemo::edge_void([] {
-            struct stat st;
-            const uid_t uid = ::geteuid();
-            if (::stat("/etc/passwd", &st) != 0) {
-                cache = UserCache{};
-                cache.error = ERR_OPEN_FAILED;
-            } else if (!cache.valid || cache.uid != uid || cache.dev != st.st_dev ||
-                       cache.ino != st.st_ino || cache.size != st.st_size ||
-                       cache.mtime.tv_sec != st.st_mtim.tv_sec || cache.mtime.tv_nsec != st.st_mtim.tv_nsec) {
-                cache = UserCache{};
-                const std::string wanted = std::to_string(uid);
-                const int scanned = kemo::for_each_line("/etc/passwd", [&](std::string_view line) {
-                    // name:password:uid:...
-                    const auto first = line.find(':');
-                    const auto second = first == std::string_view::npos ? first : line.find(':', first + 1);
-                    const auto third = second == std::string_view::npos ? second : line.find(':', second + 1);
-                    if (third == std::string_view::npos || line.substr(second + 1, third - second - 1) != wanted)
-                        return 1;
-                    cache.name = std::string(line.substr(0, first));
-                    return 0;
-                });
-                cache.error = scanned < 0 ? ERR_OPEN_FAILED : cache.name.empty() ? ERR_KEY_NOT_FOUND : 0;
-                cache.valid = scanned >= 0;
-                cache.uid = uid;
-                cache.dev = st.st_dev;
-                cache.ino = st.st_ino;
-                cache.size = st.st_size;
-                cache.mtime = st.st_mtim;
-            }
-            if (cache.error != 0)
-                KLIBErrSet(cache.error);
-            std::snprintf(user, sizeof user, "%s", cache.name.c_str());
-        });
-    }
-    if (std::strcmp(user, "root") == 0)
-        std::strcpy(user, "admin");
+    kemo::edge_void([] {
+        int error = 0;
+        const std::string name = event_user(error);
+        if (error != 0)
+            KLIBErrSet(error);
+        std::memcpy(user, name.c_str(), name.size() + 1);
+    });
     return user;
 }
 

@@ -59,7 +59,7 @@ int create_conf_if_missing()
 {
     if (file_exists(kConf))
         return 0;
-    if (KEMOSetLogConf() != 0)
+    if (write_default_conf() != 0)
         return -1;
     KEMO_LOG("logconf file not exist! created one!");
     return 1;
@@ -76,8 +76,40 @@ int shrink(int size, long long log_class)
     }
     if (st.st_size <= size)
         return 0;
-    return KEMOLogChangeSize_a(static_cast<int>(std::min<off_t>(st.st_size - size, INT32_MAX)),
-                               path.c_str());
+    return compact(static_cast<int>(std::min<off_t>(st.st_size - size, INT32_MAX)), path.c_str());
+}
+
+int set_size(int size, const LogClass &c, int log_class)
+{
+    if (create_conf_if_missing() < 0) {
+        KEMO_LOG("logconf file created error while set size coz the logconf not exist!");
+        return -1;
+    }
+    if (KLIBFileSetKeyValue(kConf, c.size_key, std::to_string(size).c_str(), "%s=\t\"%s\"\n") < 0) {
+        KEMO_LOG("error occured in setkeyvalue in %s.", kConf);
+        return -1;
+    }
+    return shrink(size, log_class) == 0 ? 0 : -1;
+}
+
+int write_default_conf()
+{
+    static constexpr struct {
+        const char *key, *file;
+    } kLines[] = {
+        {"syslogfile", "/var/log/kemosys.log"},     {"manlogfile", "/var/log/kemoman1.log"},
+        {"connlogfile", "/var/log/kemoconn.log"},   {"bkplogfile", "/var/log/kemobackup.log"},
+        {"copylogfile", "/var/log/kemocopy.log"},   {"netbkplogfile", "/var/log/kemonetbkp.log"},
+    };
+    std::string text;
+    for (const auto &line : kLines) {
+        text += std::string(line.key) + "\t=\t\"" + line.file + "\"\n";
+        text += std::string(line.key) + "size_MAX\t=\t\"65536\"\n";
+    }
+    kemo::Twin twin(kConf);
+    if (!twin.open())
+        return fail(-1, ERR_OPEN_FAILED);
+    return twin.write(text) && twin.commit() ? 0 : -1;
 }
 
 } // namespace kemo::eventlog
@@ -92,17 +124,7 @@ KEMO_API int KEMOLogSetSize(int size, int logClass)
     const LogClass *c = logClass == 7 ? nullptr : class_of(logClass);
     if (c == nullptr || size <= 0)
         return fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        if (create_conf_if_missing() < 0) {
-            KEMO_LOG("logconf file created error while set size coz the logconf not exist!");
-            return -1;
-        }
-        if (KLIBFileSetKeyValue(kConf, c->size_key, std::to_string(size).c_str(), "%s=\t\"%s\"\n") < 0) {
-            KEMO_LOG("error occured in setkeyvalue in %s.", kConf);
-            return -1;
-        }
-        return KEMOLogChangeSize(size, logClass) == 0 ? 0 : -1;
-    });
+    return kemo::edge(-1, [&] { return set_size(size, *c, logClass); });
 }
 
 KEMO_API int KEMOLogChangeSize(int size, int logClass)
@@ -114,24 +136,7 @@ KEMO_API int KEMOLogChangeSize(int size, int logClass)
 
 KEMO_API int KEMOSetLogConf(void)
 {
-    return kemo::edge(-1, [] {
-        static constexpr struct {
-            const char *key, *file;
-        } kLines[] = {
-            {"syslogfile", "/var/log/kemosys.log"},     {"manlogfile", "/var/log/kemoman1.log"},
-            {"connlogfile", "/var/log/kemoconn.log"},   {"bkplogfile", "/var/log/kemobackup.log"},
-            {"copylogfile", "/var/log/kemocopy.log"},   {"netbkplogfile", "/var/log/kemonetbkp.log"},
-        };
-        std::string text;
-        for (const auto &line : kLines) {
-            text += std::string(line.key) + "\t=\t\"" + line.file + "\"\n";
-            text += std::string(line.key) + "size_MAX\t=\t\"65536\"\n";
-        }
-        kemo::Twin twin(kConf);
-        if (!twin.open())
-            return fail(-1, ERR_OPEN_FAILED);
-        return twin.write(text) && twin.commit() ? 0 : -1;
-    });
+    return kemo::edge(-1, [] { return write_default_conf(); });
 }
 
 } // extern "C"

@@ -97,6 +97,10 @@ std::optional<std::string> slurp(int fd)
     return data;
 }
 
+} // namespace
+
+namespace kemo::eventlog {
+
 int read_log(const char *log_path, const char *out_path, const char *language)
 {
     if (!file_exists(log_path)) {
@@ -142,7 +146,7 @@ int read_log(const char *log_path, const char *out_path, const char *language)
     if (walk.end != tail) {
         Fd fix(::open(log_path, O_RDWR | O_CLOEXEC));
         struct stat st;
-        if (fix && still_at(fix.get(), log_path, st) && KEMOLogSetTail(fix.get(), walk.end) == 0)
+        if (fix && still_at(fix.get(), log_path, st) && set_tail(fix.get(), walk.end) == 0)
             KEMO_LOG("log file %s: tail moved from %u to %u", log_path, tail, walk.end);
         else
             KEMO_LOG("log file %s: tail %u could not be moved to %u", log_path, tail, walk.end);
@@ -198,7 +202,28 @@ int compact(int drop, const char *path)
     return 0;
 }
 
-} // namespace
+int read_class_log(const LogClass &c, const char *output_path, const char *language)
+{
+    // The event texts looked up for this reading are dropped however it
+    // ends.
+    struct DropTexts {
+        ~DropTexts()
+        {
+            KLIBSzHashFree(gpshEvent);
+            gpshEvent = nullptr;
+        }
+    } drop;
+    if (language == nullptr)
+        language = "enu";
+    if (output_path == nullptr)
+        output_path = "./output";
+    if (!valid_language(language))
+        return fail(-1, ERR_BAD_PARAMETERS);
+    const std::string path = file_of(c);
+    return read_log(path.c_str(), output_path, language);
+}
+
+} // namespace kemo::eventlog
 
 extern "C" {
 
@@ -207,13 +232,7 @@ KEMO_API int KEMOLogGet1(uint32_t logClass, const char *outputPath, const char *
     const LogClass *c = class_of(logClass);
     if (c == nullptr)
         return fail(-1, ERR_BAD_PARAMETERS);
-    const int result = kemo::edge(-1, [&] {
-        const std::string path = file_of(*c);
-        return KEMOLogGet1a(path.c_str(), outputPath, language);
-    });
-    KLIBSzHashFree(gpshEvent);
-    gpshEvent = nullptr;
-    return result;
+    return kemo::edge(-1, [&] { return read_class_log(*c, outputPath, language); });
 }
 
 KEMO_API int KEMOLogGet1a(const char *logPath, const char *outputPath, const char *language)

@@ -207,9 +207,43 @@ Spread spread(FILE *out, const unsigned char *body, int size, const char *langua
     const std::string sentence = fill_placeholders(text, {texts[2], texts[3], texts[4], texts[5]});
     const int printed =
         std::fprintf(out, "%d\t%s\t%s\t%s\t%s\t%s\n", static_cast<int>(type),
-                     types.get(type & 0xFF, language).c_str(), KEMOLogConvertTime1(when),
+                     types.get(type & 0xFF, language).c_str(), time_text(when).c_str(),
                      texts[0].c_str(), texts[1].c_str(), sentence.c_str());
     return printed < 0 ? Spread::failed : Spread::printed;
+}
+
+std::string time_text(int64_t seconds)
+{
+    char text[32] = "";
+    const time_t when = static_cast<time_t>(seconds);
+    struct tm tm;
+    if (::localtime_r(&when, &tm) != nullptr)
+        std::strftime(text, sizeof text, "%Y/%m/%d %H:%M:%S", &tm);
+    return text;
+}
+
+char *event_sentence(uint32_t event_id, const char *language, const std::array<const char *, 4> &args)
+{
+    const char *text = event_text(event_id, language);
+    if (text == nullptr)
+        return nullptr;
+    const auto arg = [](const char *a) { return std::string_view(a != nullptr ? a : ""); };
+    const std::string sentence = fill_placeholders(text, {arg(args[0]), arg(args[1]), arg(args[2]), arg(args[3])});
+    char *out = static_cast<char *>(std::malloc(sentence.size() + 1));
+    if (out == nullptr)
+        return fail<char *>(nullptr, ERR_OUT_OF_MEMORY);
+    std::memcpy(out, sentence.c_str(), sentence.size() + 1);
+    return out;
+}
+
+int spread_record(FILE *out, const unsigned char *body, int size, const char *language)
+{
+    TypeNames types;
+    switch (spread(out, body, size, language, types)) {
+    case Spread::truncated: return fail(-1, ERR_FORMAT_ERROR);
+    case Spread::failed: return fail(-1, ERR_WRITE_FAILED);
+    default: return 0;
+    }
 }
 
 } // namespace kemo::eventlog
@@ -220,10 +254,7 @@ KEMO_API char *KEMOLogConvertTime1(int64_t seconds)
 {
     static char text[32];
     text[0] = '\0';
-    const time_t when = static_cast<time_t>(seconds);
-    struct tm tm;
-    if (::localtime_r(&when, &tm) != nullptr)
-        std::strftime(text, sizeof text, "%Y/%m/%d %H:%M:%S", &tm);
+    kemo::edge_void([&] { std::snprintf(text, sizeof text, "%s", time_text(seconds).c_str()); });
     return text;
 }
 
@@ -246,18 +277,7 @@ KEMO_API char *KEMOLogConvertEventKey(uint32_t eventId, const char *language, co
         language = "enu";
     if (!valid_language(language))
         return fail<char *>(nullptr, ERR_BAD_PARAMETERS);
-    return kemo::edge<char *>(nullptr, [&]() -> char * {
-        const char *text = event_text(eventId, language);
-        if (text == nullptr)
-            return nullptr;
-        const auto arg = [](const char *a) { return std::string_view(a != nullptr ? a : ""); };
-        const std::string sentence = fill_placeholders(text, {arg(arg1), arg(arg2), arg(arg3), arg(arg4)});
-        char *out = static_cast<char *>(std::malloc(sentence.size() + 1));
-        if (out == nullptr)
-            return fail<char *>(nullptr, ERR_OUT_OF_MEMORY);
-        std::memcpy(out, sentence.c_str(), sentence.size() + 1);
-        return out;
-    });
+    return kemo::edge<char *>(nullptr, [&] { return event_sentence(eventId, language, {arg1, arg2, arg3, arg4}); });
 }
 
 KEMO_API int KEMOLogEventSpread(FILE *out, const unsigned char *body, const char *language, int size)
@@ -266,14 +286,7 @@ KEMO_API int KEMOLogEventSpread(FILE *out, const unsigned char *body, const char
         language = "enu";
     if (out == nullptr || body == nullptr || size < 0 || !valid_language(language))
         return fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        TypeNames types;
-        switch (spread(out, body, size, language, types)) {
-        case Spread::truncated: return fail(-1, ERR_FORMAT_ERROR);
-        case Spread::failed: return fail(-1, ERR_WRITE_FAILED);
-        default: return 0;
-        }
-    });
+    return kemo::edge(-1, [&] { return spread_record(out, body, size, language); });
 }
 
 } // extern "C"

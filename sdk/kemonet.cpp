@@ -3,11 +3,13 @@
 // and network services and the web service through their control scripts.
 #include "kemo_internal.hpp"
 #include "kemo_io.hpp"
+#include "kemo_net.hpp"
 #include "kemomisc.hpp"
 
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <cstring>
 #include <string>
 
@@ -40,32 +42,87 @@ int run_script(const char *script, const char *argument)
 
 } // namespace
 
+namespace kemo::net {
+
+int hostname(std::string &name)
+{
+    const int needed = KLIBFileGetKeyValue(kSettings, "hostname", nullptr, 0, 0);
+    if (needed > 0) {
+        name.assign(static_cast<std::size_t>(needed), '\0');
+        if (KLIBFileGetKeyValue(kSettings, "hostname", name.data(), needed, 0) != needed)
+            return -1;
+        name.resize(static_cast<std::size_t>(needed - 1));
+        return 0;
+    }
+    // No setting yet: the kernel's name.
+    char kernel[256] = "";
+    if (::gethostname(kernel, sizeof kernel - 1) != 0)
+        return fail(-1, ERR_OP_FAILURE);
+    name = kernel;
+    return 0;
+}
+
+int set_hostname(const char *name)
+{
+    kemo::ConfigLock lock(KLIB_LOCK_KEMOINFO | KLIB_LOCK_EX);
+    if (!lock.held())
+        return fail(-1, ERR_LOCK_FAILED);
+    // The kernel first: when it refuses, no file names a host that is
+    // not running.  Should a file write fail afterwards, the kernel gets
+    // its old name back.
+    char old_name[256] = "";
+    const bool had_name = ::gethostname(old_name, sizeof old_name - 1) == 0;
+    if (::sethostname(name, std::strlen(name)) != 0) {
+        KEMO_LOG("sethostname(%s) failed, errno = %d", name, errno);
+        return fail(-1, ERR_OP_FAILURE);
+    }
+    if (KLIBFileSetKeyValue(kSettings, "hostname", name, kQuotedPair) < 0 ||
+        !kemo::create_file(kHostnameFile, std::string(name) + "\n")) {
+        KEMO_LOG("fail to store host name %s (%X)", name, KLIBErrGet());
+        if (had_name && ::sethostname(old_name, std::strlen(old_name)) != 0)
+            KEMO_LOG("fail to restore host name %s", old_name);
+        return -1;
+    }
+    return 0;
+}
+
+int net_services(bool start)
+{
+    return run_script(kNetServiceScript, start ? "start" : "stop");
+}
+
+int web_service(bool on)
+{
+    {
+        kemo::ConfigLock lock(KLIB_LOCK_KEMOINFO | KLIB_LOCK_EX);
+        if (!lock.held())
+            return fail(-1, ERR_LOCK_FAILED);
+        if (KLIBFileSetKeyValue(kSettings, "runweb", on ? "yes" : "no", kQuotedPair) < 0)
+            return -1;
+    }
+    return run_script(kWebScript, on ? "start" : "stop");
+}
+
+int hostname_into(char *buf, int size)
+{
+    std::string name;
+    if (hostname(name) != 0)
+        return -1;
+    if (name.size() >= static_cast<std::size_t>(size))
+        return fail(-1, ERR_NOT_ENOUGH_MEMORY);
+    std::memcpy(buf, name.c_str(), name.size() + 1);
+    return 0;
+}
+
+} // namespace kemo::net
+
 extern "C" {
 
 KEMO_API int KEMOLnxGetHostname(char *buf, int size)
 {
     if (buf == nullptr || size <= 0)
         return fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        std::string name;
-        const int needed = KLIBFileGetKeyValue(kSettings, "hostname", nullptr, 0, 0);
-        if (needed > 0) {
-            name.resize(static_cast<std::size_t>(needed));
-            if (KLIBFileGetKeyValue(kSettings, "hostname", name.data(), needed, 0) != needed)
-                return -1;
-            name.resize(static_cast<std::size_t>(needed - 1));
-        } else {
-            // No setting yet: the kernel's name.
-            char kernel[256] = "";
-            if (::gethostname(kernel, sizeof kernel - 1) != 0)
-                return fail(-1, ERR_OP_FAILURE);
-            name = kernel;
-        }
-        if (name.size() >= static_cast<std::size_t>(size))
-            return fail(-1, ERR_NOT_ENOUGH_MEMORY);
-        std::memcpy(buf, name.c_str(), name.size() + 1);
-        return 0;
-    });
+    return kemo::edge(-1, [&] { return kemo::net::hostname_into(buf, size); });
 }
 
 KEMO_API int KEMOLnxSetHostname(const char *name)
@@ -74,52 +131,22 @@ KEMO_API int KEMOLnxSetHostname(const char *name)
         return fail(-1, ERR_BAD_PARAMETERS);
     if (!BlKLIBIsHostname(name))
         return fail(-1, ERR_INVALID_SERVERNAME);
-    return kemo::edge(-1, [&] {
-        kemo::ConfigLock lock(KLIB_LOCK_KEMOINFO | KLIB_LOCK_EX);
-        if (!lock.held())
-            return fail(-1, ERR_LOCK_FAILED);
-        // The kernel first: when it refuses, no file names a host that is
-        // not running.  Should a file write fail afterwards, the kernel gets
-        // its old name back.
-        char old_name[256] = "";
-        const bool had_name = ::gethostname(old_name, sizeof old_name - 1) == 0;
-        if (::sethostname(name, std::strlen(name)) != 0) {
-            KEMO_LOG("sethostname(%s) failed, errno = %d", name, errno);
-            return fail(-1, ERR_OP_FAILURE);
-        }
-        if (KLIBFileSetKeyValue(kSettings, "hostname", name, kQuotedPair) < 0 ||
-            !kemo::create_file(kHostnameFile, std::string(name) + "\n")) {
-            KEMO_LOG("fail to store host name %s (%X)", name, KLIBErrGet());
-            if (had_name && ::sethostname(old_name, std::strlen(old_name)) != 0)
-                KEMO_LOG("fail to restore host name %s", old_name);
-            return -1;
-        }
-        return 0;
-    });
+    return kemo::edge(-1, [&] { return kemo::net::set_hostname(name); });
 }
 
 KEMO_API int ErrNetServiceStop(void)
 {
-    return kemo::edge(-1, [] { return run_script(kNetServiceScript, "stop"); });
+    return kemo::edge(-1, [] { return kemo::net::net_services(false); });
 }
 
 KEMO_API int ErrNetServiceStart(void)
 {
-    return kemo::edge(-1, [] { return run_script(kNetServiceScript, "start"); });
+    return kemo::edge(-1, [] { return kemo::net::net_services(true); });
 }
 
 KEMO_API int KEMOWebService(int on)
 {
-    return kemo::edge(-1, [&] {
-        {
-            kemo::ConfigLock lock(KLIB_LOCK_KEMOINFO | KLIB_LOCK_EX);
-            if (!lock.held())
-                return fail(-1, ERR_LOCK_FAILED);
-            if (KLIBFileSetKeyValue(kSettings, "runweb", on ? "yes" : "no", kQuotedPair) < 0)
-                return -1;
-        }
-        return run_script(kWebScript, on ? "start" : "stop");
-    });
+    return kemo::edge(-1, [&] { return kemo::net::web_service(on != 0); });
 }
 
 } // extern "C"

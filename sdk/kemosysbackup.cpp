@@ -9,6 +9,8 @@
 // Body:    typed values: string (1, strlen + 1, text and its NUL) or
 //          long (2, 4, value).
 #include "kemo_io.hpp"
+#include "kemo_log.hpp"
+#include "kemo_net.hpp"
 #include "kemo_sysbackup.hpp"
 
 #include <fcntl.h>
@@ -31,6 +33,10 @@ constexpr uint32_t kImportAppliedEvent = 0x12100043;
 
 using kemo::Fd;
 
+} // namespace
+
+namespace kemo::sysbackup {
+
 // Index of id in the registry (the closing all-zero entry never matches).
 int index_of(uint32_t id) noexcept
 {
@@ -38,6 +44,14 @@ int index_of(uint32_t id) noexcept
         if (grgSysRoutine[i].id == id)
             return i;
     return -1;
+}
+
+int section_index(uint32_t id) noexcept
+{
+    const int index = index_of(id);
+    if (index < 0)
+        kemo::log("%s: unknown id [%ld]", "KEMOSysbkpIGetIdx", static_cast<long>(id));
+    return index;
 }
 
 int export_file(const char *fn, const char *path, uint32_t mask, unsigned int mode)
@@ -84,6 +98,10 @@ int export_file(const char *fn, const char *path, uint32_t mask, unsigned int mo
         BKP_LOG(fn, "fail to remove %s", path);
     return -1;
 }
+
+} // namespace kemo::sysbackup
+
+namespace {
 
 // Copies a section body of size bytes from in to the start of the scratch
 // file.  The scratch file is then cut to the body's size, so an importer
@@ -223,8 +241,13 @@ bool remove_scratch(int scratch)
     return ::unlink(kScratch) == 0;
 }
 
+} // namespace
+
+namespace kemo::sysbackup {
+
 int import_file(const char *fn, const char *path, uint32_t mask, int apply)
 {
+    gimp_status = KEMO_SYSBKP_ALL;
     Fd in(::open(path, O_RDONLY | O_CLOEXEC));
     if (in.get() < 0) {
         BKP_LOG(fn, "fail to open import file [%s], errno = %d ", path, errno);
@@ -237,12 +260,12 @@ int import_file(const char *fn, const char *path, uint32_t mask, int apply)
     }
     // The services stay stopped for the whole import.  Should stopping
     // fail halfway, they are started again before giving up.
-    if (ErrNetServiceStop() < 0) {
+    if (kemo::net::net_services(false) < 0) {
         BKP_LOG(fn, "failed to stop net service");
         in.close();
         remove_scratch(scratch.get());
         scratch.close();
-        if (ErrNetServiceStart() < 0)
+        if (kemo::net::net_services(true) < 0)
             BKP_LOG(fn, "failed to start net service");
         return -1;
     }
@@ -251,22 +274,29 @@ int import_file(const char *fn, const char *path, uint32_t mask, int apply)
     // its importer (which frees the user map) runs here, after the loop,
     // whenever its bit is asked for, also after a malformed file.
     if ((mask & kFinishId) != 0)
-        KEMOSysbkpFinishImport(scratch.get(), kVersion, apply);
+        finish_import();
     in.close();
     if (!remove_scratch(scratch.get()))
         kemo::log("unlink %s failed", kScratch);
     scratch.close();
-    if (ErrNetServiceStart() < 0) {
+    if (kemo::net::net_services(true) < 0) {
         BKP_LOG(fn, "failed to start net service");
         ok = false;
     }
     if (!ok)
         return -1;
-    KEMOLogSet1(1, 1, apply ? kImportAppliedEvent : kImportCheckedEvent, "", "", "", "");
+    kemo::eventlog::write_event(1, 1, apply ? kImportAppliedEvent : kImportCheckedEvent, {"", "", "", ""});
     return 0;
 }
 
-} // namespace
+int finish_import()
+{
+    KLIBSzHashFree(gpshUser);
+    gpshUser = nullptr;
+    return 0;
+}
+
+} // namespace kemo::sysbackup
 
 extern "C" {
 
@@ -323,16 +353,12 @@ KEMO_API int KEMOSysbkpImport(const char *path, uint32_t mask, int apply)
         BKP_LOG(fn, "parameter error");
         return -1;
     }
-    gimp_status = KEMO_SYSBKP_ALL;
     return kemo::edge(-1, [&] { return import_file(fn, path, mask, apply); });
 }
 
 KEMO_API int KEMOSysbkpIGetIdx(uint32_t id)
 {
-    const int index = index_of(id);
-    if (index < 0)
-        kemo::log("%s: unknown id [%ld]", __func__, static_cast<long>(id));
-    return index;
+    return section_index(id);
 }
 
 // ------------------------------------------------------------ finishing entry
@@ -344,9 +370,7 @@ KEMO_API int KEMOSysbkpFinishExport(int)
 
 KEMO_API int KEMOSysbkpFinishImport(int, uint32_t, int)
 {
-    KLIBSzHashFree(gpshUser);
-    gpshUser = nullptr;
-    return 0;
+    return finish_import();
 }
 
 } // extern "C"

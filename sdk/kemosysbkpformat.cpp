@@ -2,6 +2,7 @@
 // blocks, section headers and their patched sizes.  Every integer of the
 // file is a big-endian u32 (put_u32/get_u32).
 #include "kemo_io.hpp"
+#include "kemo_log.hpp"
 #include "kemo_sysbackup.hpp"
 
 #include <unistd.h>
@@ -133,14 +134,13 @@ bool raw_block(const char *fn, const void *buffer, int count, std::vector<unsign
 
 namespace kemo::sysbackup {
 
-// The interface section has no registry entry, so its
-// header is written here with the common version instead of through
-// KEMOSysbkpIWriteHeader.
+// The interface section has no registry entry, so its header is written
+// with the common version instead of the registry's.
 // The section proper; the caller reports a failure.
 int write_section_body(const char *fn, int fd, uint32_t id, const std::function<bool()> &body)
 {
     const bool headed = id == kInterfaceId ? write_header_words(fn, fd, id, kVersion)
-                                           : KEMOSysbkpIWriteHeader(fd, id) == 0;
+                                           : write_header(fd, id) == 0;
     if (!headed) {
         BKP_LOG(fn, "fail to write header");
         return -1;
@@ -157,7 +157,7 @@ int write_section_body(const char *fn, int fd, uint32_t id, const std::function<
         BKP_LOG(fn, "fail to get current location, errno =%d", errno);
         return -1;
     }
-    if (KEMOSysbkpIWriteBlkSize(fd, begin, end) < 0) {
+    if (write_block_size(fd, begin, end) < 0) {
         BKP_LOG(fn, "fail to write block size");
         return -1;
     }
@@ -173,34 +173,23 @@ int write_section(const char *fn, int fd, uint32_t id, const std::function<bool(
     return result;
 }
 
-// One string value read into text.
-bool read_text(int fd, std::string &text)
-{
-    char *raw = nullptr;
-    if (KEMOSysbkpIReadString(fd, &raw) < 0)
-        return false;
-    const std::unique_ptr<char, decltype(&std::free)> owned(raw, &std::free);
-    text = raw;
-    return true;
-}
-
 void report(uint32_t event, const char *arg1)
 {
-    KEMOLogSet1(KEMO_LOG_SYSTEM, KEMO_EVENT_ERROR, event, arg1, "", "", "");
+    kemo::eventlog::write_event(KEMO_LOG_SYSTEM, KEMO_EVENT_ERROR, event, {arg1, "", "", ""});
 }
 
 } // namespace kemo::sysbackup
 
-extern "C" {
+namespace kemo::sysbackup {
 
-KEMO_API int KEMOSysbkpIWriteHeader(int fd, uint32_t id)
+int write_header(int fd, uint32_t id)
 {
-    const char *const fn = __func__;
+    const char *const fn = "KEMOSysbkpIWriteHeader";
     if (!write_u32(fd, id)) {
         BKP_LOG(fn, "write id fail, errno = %d", errno);
         return -1;
     }
-    const int index = KEMOSysbkpIGetIdx(id);
+    const int index = section_index(id);
     if (index < 0) {
         BKP_LOG(fn, "fail to get id");
         return -1;
@@ -216,132 +205,124 @@ KEMO_API int KEMOSysbkpIWriteHeader(int fd, uint32_t id)
     return 0;
 }
 
-KEMO_API int KEMOSysbkpIWriteBlkSize(int fd, int64_t offBegin, int64_t offEnd)
+int write_block_size(int fd, int64_t begin, int64_t end)
 {
-    const char *const fn = __func__;
-    if (offBegin < 4 || offEnd < offBegin || offEnd - offBegin > UINT32_MAX) {
+    const char *const fn = "KEMOSysbkpIWriteBlkSize";
+    if (begin < 4 || end < begin || end - begin > UINT32_MAX) {
         BKP_LOG(fn, "parameter error");
         return -1;
     }
-    if (::lseek(fd, static_cast<off_t>(offBegin - 4), SEEK_SET) < 0) {
+    if (::lseek(fd, static_cast<off_t>(begin - 4), SEEK_SET) < 0) {
         BKP_LOG(fn, "fail to seek to offBegin - sizeof(long), errno =%d", errno);
         return -1;
     }
-    if (!write_u32(fd, static_cast<uint32_t>(offEnd - offBegin))) {
+    if (!write_u32(fd, static_cast<uint32_t>(end - begin))) {
         BKP_LOG(fn, "write len fail, errno = %d", errno);
         return -1;
     }
-    if (::lseek(fd, static_cast<off_t>(offEnd), SEEK_SET) < 0) {
+    if (::lseek(fd, static_cast<off_t>(end), SEEK_SET) < 0) {
         BKP_LOG(fn, "fail to seek to offEnd, errno =%d", errno);
         return -1;
     }
     return 0;
 }
 
-KEMO_API int KEMOSysbkpIWriteString(int fd, const char *text)
+int write_string(int fd, std::string_view text)
 {
-    const char *const fn = __func__;
-    if (text == nullptr) {
-        BKP_LOG(fn, "parameter error");
+    const char *const fn = "KEMOSysbkpIWriteString";
+    const std::size_t length = text.size() + 1;
+    if (length > INT32_MAX) {
+        BKP_LOG(fn, "string too long (%zu)", length);
         return -1;
     }
-    return kemo::edge(-1, [&] {
-        const std::size_t length = std::strlen(text) + 1;
-        if (length > INT32_MAX) {
-            BKP_LOG(fn, "string too long (%zu)", length);
-            return -1;
-        }
-        // One write for the whole value.
-        std::string value(8, '\0');
-        put_u32(reinterpret_cast<unsigned char *>(value.data()), kTypeString);
-        put_u32(reinterpret_cast<unsigned char *>(value.data()) + 4, static_cast<uint32_t>(length));
-        value.append(text, length);
-        if (!write_all(fd, value.data(), value.size())) {
-            BKP_LOG(fn, "write string fail, errno = %d", errno);
-            return -1;
-        }
-        return 0;
-    });
+    // One write for the whole value.
+    std::string value(8, '\0');
+    put_u32(reinterpret_cast<unsigned char *>(value.data()), kTypeString);
+    put_u32(reinterpret_cast<unsigned char *>(value.data()) + 4, static_cast<uint32_t>(length));
+    value.append(text);
+    value.push_back('\0');
+    if (!write_all(fd, value.data(), value.size())) {
+        BKP_LOG(fn, "write string fail, errno = %d", errno);
+        return -1;
+    }
+    return 0;
 }
 
-KEMO_API int KEMOSysbkpIReadString(int fd, char **text)
+bool read_text(int fd, std::string &text)
 {
-    const char *const fn = __func__;
-    if (text == nullptr) {
-        BKP_LOG(fn, "parameter error");
-        return -1;
+    const char *const fn = "KEMOSysbkpIReadString";
+    unsigned char head[8];
+    if (read_full(fd, head, sizeof head) != static_cast<ssize_t>(sizeof head)) {
+        BKP_LOG(fn, "fail to read string header, errno = %d", errno);
+        return false;
     }
+    const uint32_t type = get_u32(head);
+    const auto length = static_cast<int32_t>(get_u32(head + 4));
+    if (type != kTypeString || length <= 0) {
+        BKP_LOG(fn, "invalid type(%ld, %ld)", static_cast<long>(type), static_cast<long>(length));
+        return false;
+    }
+    // Never allocate more than the value can hold: a length beyond the
+    // rest of the body is refused, and from a descriptor without a known
+    // end the text grows only as bytes arrive.
+    const std::optional<long long> left = remaining(fd);
+    if (left && length > *left) {
+        BKP_LOG(fn, "string length %ld beyond the body (%lld left)", static_cast<long>(length), *left);
+        return false;
+    }
+    std::string value;
+    constexpr std::size_t kChunk = 64 * 1024;
+    while (value.size() < static_cast<std::size_t>(length)) {
+        const std::size_t want = std::min(kChunk, static_cast<std::size_t>(length) - value.size());
+        const std::size_t at = value.size();
+        value.resize(at + want);
+        if (read_full(fd, value.data() + at, want) != static_cast<ssize_t>(want)) {
+            BKP_LOG(fn, "fail to read string, errno = %d", errno);
+            return false;
+        }
+    }
+    // The text ends at its one NUL, the value's last byte.
+    if (std::strlen(value.c_str()) + 1 != value.size()) {
+        BKP_LOG(fn, "string not terminated");
+        return false;
+    }
+    value.pop_back();
+    text = std::move(value);
+    return true;
+}
+
+int read_string(int fd, char **text)
+{
     *text = nullptr;
-    return kemo::edge(-1, [&] {
-        unsigned char head[8];
-        if (read_full(fd, head, sizeof head) != static_cast<ssize_t>(sizeof head)) {
-            BKP_LOG(fn, "fail to read string header, errno = %d", errno);
-            return -1;
-        }
-        const uint32_t type = get_u32(head);
-        const auto length = static_cast<int32_t>(get_u32(head + 4));
-        if (type != kTypeString || length <= 0) {
-            BKP_LOG(fn, "invalid type(%ld, %ld)", static_cast<long>(type),
-                    static_cast<long>(length));
-            return -1;
-        }
-        // Never allocate more than the value can hold: a length beyond the
-        // rest of the body is refused, and from a descriptor without a known
-        // end the text grows only as bytes arrive.
-        const std::optional<long long> left = remaining(fd);
-        if (left && length > *left) {
-            BKP_LOG(fn, "string length %ld beyond the body (%lld left)", static_cast<long>(length),
-                    *left);
-            return -1;
-        }
-        std::string value;
-        constexpr std::size_t kChunk = 64 * 1024;
-        while (value.size() < static_cast<std::size_t>(length)) {
-            const std::size_t want =
-                std::min(kChunk, static_cast<std::size_t>(length) - value.size());
-            const std::size_t at = value.size();
-            value.resize(at + want);
-            if (read_full(fd, value.data() + at, want) != static_cast<ssize_t>(want)) {
-                BKP_LOG(fn, "fail to read string, errno = %d", errno);
-                return -1;
-            }
-        }
-        // The text ends at its one NUL, the value's last byte.
-        if (std::strlen(value.c_str()) + 1 != value.size()) {
-            BKP_LOG(fn, "string not terminated");
-            return -1;
-        }
-        char *copy = static_cast<char *>(std::malloc(value.size()));
-        if (copy == nullptr) {
-            BKP_LOG(fn, "malloc fail");
-            return -1;
-        }
-        std::memcpy(copy, value.data(), value.size());
-        *text = copy;
-        return 0;
-    });
+    std::string value;
+    if (!read_text(fd, value))
+        return -1;
+    char *copy = static_cast<char *>(std::malloc(value.size() + 1));
+    if (copy == nullptr) {
+        BKP_LOG("KEMOSysbkpIReadString", "malloc fail");
+        return -1;
+    }
+    std::memcpy(copy, value.c_str(), value.size() + 1);
+    *text = copy;
+    return 0;
 }
 
-KEMO_API int KEMOSysbkpIWriteLong(int fd, int32_t value)
+int write_long(int fd, int32_t value)
 {
     unsigned char word[12];
     put_u32(word, kTypeLong);
     put_u32(word + 4, 4);
     put_u32(word + 8, static_cast<uint32_t>(value));
     if (!write_all(fd, word, sizeof word)) {
-        BKP_LOG(__func__, "write long fail, errno = %d", errno);
+        BKP_LOG("KEMOSysbkpIWriteLong", "write long fail, errno = %d", errno);
         return -1;
     }
     return 0;
 }
 
-KEMO_API int KEMOSysbkpIReadLong(int fd, int32_t *value)
+int read_long(int fd, int32_t &value)
 {
-    const char *const fn = __func__;
-    if (value == nullptr) {
-        BKP_LOG(fn, "parameter error");
-        return -1;
-    }
+    const char *const fn = "KEMOSysbkpIReadLong";
     unsigned char word[12];
     if (read_full(fd, word, sizeof word) != static_cast<ssize_t>(sizeof word)) {
         BKP_LOG(fn, "fail to read long, errno = %d", errno);
@@ -352,16 +333,16 @@ KEMO_API int KEMOSysbkpIReadLong(int fd, int32_t *value)
         BKP_LOG(fn, "invalid type(%ld, %ld)", static_cast<long>(type), static_cast<long>(length));
         return -1;
     }
-    *value = static_cast<int32_t>(get_u32(word + 8));
+    value = static_cast<int32_t>(get_u32(word + 8));
     return 0;
 }
 
 // Raw blocks hold words in the host's order; in the file each word is
 // big-endian, so a block written on this (little-endian) host reads back
 // the same on every host.
-KEMO_API int KEMOSysbkpRawIntWrite(int fd, const void *buffer, int count)
+int raw_write(int fd, const void *buffer, int count)
 {
-    const char *const fn = __func__;
+    const char *const fn = "KEMOSysbkpRawIntWrite";
     std::vector<unsigned char> words;
     if (!raw_block(fn, buffer, count, words))
         return -1;
@@ -378,9 +359,9 @@ KEMO_API int KEMOSysbkpRawIntWrite(int fd, const void *buffer, int count)
     return 0;
 }
 
-KEMO_API int KEMOSysbkpRawIntRead(int fd, void *buffer, int count)
+int raw_read(int fd, void *buffer, int count)
 {
-    const char *const fn = __func__;
+    const char *const fn = "KEMOSysbkpRawIntRead";
     std::vector<unsigned char> words;
     if (!raw_block(fn, buffer, count, words))
         return -1;
@@ -388,8 +369,8 @@ KEMO_API int KEMOSysbkpRawIntRead(int fd, void *buffer, int count)
     if (got == 0)
         return 0; // the end of the file
     if (got != count) {
-        kemo::log("%s:%d(%s) read(%d/%d):[%d(%m)]", __FILE__, __LINE__, fn,
-                 static_cast<int>(got), count, errno);
+        kemo::log("%s:%d(%s) read(%d/%d):[%d(%m)]", __FILE__, __LINE__, fn, static_cast<int>(got), count,
+                  errno);
         return -1;
     }
     auto *out = static_cast<unsigned char *>(buffer);
@@ -398,6 +379,63 @@ KEMO_API int KEMOSysbkpRawIntRead(int fd, void *buffer, int count)
         std::memcpy(out + i, &word, 4);
     }
     return count;
+}
+
+} // namespace kemo::sysbackup
+
+extern "C" {
+
+KEMO_API int KEMOSysbkpIWriteHeader(int fd, uint32_t id)
+{
+    return write_header(fd, id);
+}
+
+KEMO_API int KEMOSysbkpIWriteBlkSize(int fd, int64_t offBegin, int64_t offEnd)
+{
+    return write_block_size(fd, offBegin, offEnd);
+}
+
+KEMO_API int KEMOSysbkpIWriteString(int fd, const char *text)
+{
+    if (text == nullptr) {
+        BKP_LOG(__func__, "parameter error");
+        return -1;
+    }
+    return kemo::edge(-1, [&] { return write_string(fd, text); });
+}
+
+KEMO_API int KEMOSysbkpIReadString(int fd, char **text)
+{
+    if (text == nullptr) {
+        BKP_LOG(__func__, "parameter error");
+        return -1;
+    }
+    *text = nullptr;
+    return kemo::edge(-1, [&] { return read_string(fd, text); });
+}
+
+KEMO_API int KEMOSysbkpIWriteLong(int fd, int32_t value)
+{
+    return write_long(fd, value);
+}
+
+KEMO_API int KEMOSysbkpIReadLong(int fd, int32_t *value)
+{
+    if (value == nullptr) {
+        BKP_LOG(__func__, "parameter error");
+        return -1;
+    }
+    return read_long(fd, *value);
+}
+
+KEMO_API int KEMOSysbkpRawIntWrite(int fd, const void *buffer, int count)
+{
+    return kemo::edge(-1, [&] { return raw_write(fd, buffer, count); });
+}
+
+KEMO_API int KEMOSysbkpRawIntRead(int fd, void *buffer, int count)
+{
+    return kemo::edge(-1, [&] { return raw_read(fd, buffer, count); });
 }
 
 } // extern "C"

@@ -3,6 +3,7 @@
 // of /etc/kemoinfo.conf, each with its fixed key list.
 #include "kemo_accounts.hpp"
 #include "kemo_io.hpp"
+#include "kemo_net.hpp"
 #include "kemo_sysbackup.hpp"
 
 #include <strings.h>
@@ -17,9 +18,8 @@
 #include <utility>
 #include <vector>
 
+namespace kemo::sysbackup {
 namespace {
-
-using namespace kemo::sysbackup;
 
 constexpr char kSettings[] = "/etc/kemoinfo.conf";
 constexpr char kDefaults[] = "/etc.defaults/kemoinfo.conf";
@@ -72,9 +72,6 @@ bool supported(const char *key)
 }
 
 using kemo::accounts::equal_nocase;
-using kemo::sysbackup::read_text;
-using kemo::sysbackup::report;
-using kemo::sysbackup::write_section;
 
 // ------------------------------------------------------------ sections
 
@@ -294,13 +291,12 @@ int export_settings(const char *fn, int fd, const SettingsSection &section)
         }
     }
     return write_section(fn, fd, section.id, [&] {
-        if (KEMOSysbkpIWriteLong(fd, static_cast<int32_t>(pairs.size())) < 0) {
+        if (write_long(fd, static_cast<int32_t>(pairs.size())) < 0) {
             BKP_LOG(fn, "fail to write count");
             return false;
         }
         for (const auto &[key, value] : pairs)
-            if (KEMOSysbkpIWriteString(fd, key.c_str()) < 0 ||
-                KEMOSysbkpIWriteString(fd, value.c_str()) < 0) {
+            if (write_string(fd, key) < 0 || write_string(fd, value) < 0) {
                 BKP_LOG(fn, "fail to write %s", key.c_str());
                 return false;
             }
@@ -319,7 +315,7 @@ bool import_settings_body(const char *fn, int fd, uint32_t version, int apply,
         return false;
     }
     int32_t count = 0;
-    if (KEMOSysbkpIReadLong(fd, &count) < 0 || count < 0) {
+    if (read_long(fd, count) < 0 || count < 0) {
         BKP_LOG(fn, "fail to read count");
         return false;
     }
@@ -369,7 +365,111 @@ int import_settings(const char *fn, int fd, uint32_t version, int apply,
     return -1;
 }
 
+// ------------------------------------------------------------ model sections
+
+int export_hostname(const char *fn, int fd)
+{
+    std::string name;
+    if (kemo::net::hostname(name) < 0) {
+        BKP_LOG(fn, "KEMOLnxGetHostname failed.(%X)", KLIBErrGet());
+        report(kHostnameExportEvent);
+        return -1;
+    }
+    return write_section(fn, fd, kHostnameId, [&] {
+        if (write_string(fd, name) < 0) {
+            BKP_LOG(fn, "fail to write hostname");
+            return false;
+        }
+        return true;
+    }, kHostnameExportEvent);
+}
+
+bool import_hostname_body(const char *fn, int fd, uint32_t version, int apply)
+{
+    std::string name;
+    if (version != kVersion) {
+        BKP_LOG(fn, "unsupported version %u", version);
+        return false;
+    }
+    if (!read_text(fd, name)) {
+        BKP_LOG(fn, "fail to read hostname");
+        return false;
+    }
+    if (!BlKLIBIsHostname(name.c_str())) {
+        BKP_LOG(fn, "invalid host name [%s]", name.c_str());
+        return false;
+    }
+    if (!apply)
+        return true;
+    std::string current;
+    if (kemo::net::hostname(current) < 0) {
+        BKP_LOG(fn, "KEMOLnxGetHostname failed.(%X)", KLIBErrGet());
+        return false;
+    }
+    if (name == current)
+        return true;
+    const int result = kemo::net::set_hostname(name.c_str());
+    if (result < 0) {
+        BKP_LOG(fn, "call KEMOLnxSetHostname and fail and return %d, errno=0x%04X\n", result, KLIBErrGet());
+        return false;
+    }
+    return true;
+}
+
+int import_hostname(const char *fn, int fd, uint32_t version, int apply)
+{
+    if (import_hostname_body(fn, fd, version, apply))
+        return 0;
+    report(kHostnameImportEvent);
+    return -1;
+}
+
+int export_web(const char *fn, int fd)
+{
+    if (!supported("supportweb"))
+        return 0;
+    std::optional<std::string> run;
+    if (!read_setting(kSettings, "runweb", run)) {
+        BKP_LOG(fn, "fail to read runweb (%X)", KLIBErrGet());
+        report(kWebExportEvent);
+        return -1;
+    }
+    const int32_t on = run && equal_nocase(*run, "yes") ? 1 : 0;
+    return write_section(fn, fd, kWebId, [&] {
+        if (write_long(fd, on) < 0) {
+            BKP_LOG(fn, "fail to write runweb");
+            return false;
+        }
+        return true;
+    }, kWebExportEvent);
+}
+
+int import_web(const char *fn, int fd, uint32_t version, int apply)
+{
+    if (!supported("supportweb"))
+        return 0;
+    int32_t on = 0;
+    bool ok = true;
+    if (version != kVersion) {
+        BKP_LOG(fn, "unsupported version %u", version);
+        ok = false;
+    } else if (read_long(fd, on) < 0) {
+        BKP_LOG(fn, "fail to read runweb");
+        ok = false;
+    } else if (apply && kemo::net::web_service(on != 0) < 0) {
+        BKP_LOG(fn, "KEMOWebService(%d) failed (%X)", on != 0 ? 1 : 0, KLIBErrGet());
+        ok = false;
+    }
+    if (ok)
+        return 0;
+    report(kWebImportEvent);
+    return -1;
+}
+
 } // namespace
+} // namespace kemo::sysbackup
+
+using namespace kemo::sysbackup;
 
 extern "C" {
 
@@ -378,111 +478,25 @@ extern "C" {
 KEMO_API int KEMOSysbkpHostnameExport(int fd)
 {
     const char *const fn = __func__;
-    return kemo::edge(-1, [&] {
-        char name[256];
-        if (KEMOLnxGetHostname(name, sizeof name) < 0) {
-            BKP_LOG(fn, "KEMOLnxGetHostname failed.(%X)", KLIBErrGet());
-            report(kHostnameExportEvent);
-            return -1;
-        }
-        return write_section(fn, fd, kHostnameId, [&] {
-            if (KEMOSysbkpIWriteString(fd, name) < 0) {
-                BKP_LOG(fn, "fail to write hostname");
-                return false;
-            }
-            return true;
-        }, kHostnameExportEvent);
-    });
+    return kemo::edge(-1, [&] { return export_hostname(fn, fd); });
 }
 
 KEMO_API int KEMOSysbkpHostnameImport(int fd, uint32_t version, int apply)
 {
     const char *const fn = __func__;
-    return kemo::edge(-1, [&] {
-        const auto body = [&] {
-            std::string name;
-            if (version != kVersion) {
-                BKP_LOG(fn, "unsupported version %u", version);
-                return false;
-            }
-            if (!read_text(fd, name)) {
-                BKP_LOG(fn, "fail to read hostname");
-                return false;
-            }
-            if (!BlKLIBIsHostname(name.c_str())) {
-                BKP_LOG(fn, "invalid host name [%s]", name.c_str());
-                return false;
-            }
-            if (!apply)
-                return true;
-            char current[256];
-            if (KEMOLnxGetHostname(current, sizeof current) < 0) {
-                BKP_LOG(fn, "KEMOLnxGetHostname failed.(%X)", KLIBErrGet());
-                return false;
-            }
-            if (name == current)
-                return true;
-            const int result = KEMOLnxSetHostname(name.c_str());
-            if (result < 0) {
-                BKP_LOG(fn, "call KEMOLnxSetHostname and fail and return %d, errno=0x%04X\n",
-                        result, KLIBErrGet());
-                return false;
-            }
-            return true;
-        };
-        if (body())
-            return 0;
-        report(kHostnameImportEvent);
-        return -1;
-    });
+    return kemo::edge(-1, [&] { return import_hostname(fn, fd, version, apply); });
 }
 
 KEMO_API int KEMOSysbkpWebExport(int fd)
 {
     const char *const fn = __func__;
-    return kemo::edge(-1, [&] {
-        if (!supported("supportweb"))
-            return 0;
-        std::optional<std::string> run;
-        if (!read_setting(kSettings, "runweb", run)) {
-            BKP_LOG(fn, "fail to read runweb (%X)", KLIBErrGet());
-            report(kWebExportEvent);
-            return -1;
-        }
-        const int32_t on = run && equal_nocase(*run, "yes") ? 1 : 0;
-        return write_section(fn, fd, kWebId, [&] {
-            if (KEMOSysbkpIWriteLong(fd, on) < 0) {
-                BKP_LOG(fn, "fail to write runweb");
-                return false;
-            }
-            return true;
-        }, kWebExportEvent);
-    });
+    return kemo::edge(-1, [&] { return export_web(fn, fd); });
 }
 
 KEMO_API int KEMOSysbkpWebImport(int fd, uint32_t version, int apply)
 {
     const char *const fn = __func__;
-    return kemo::edge(-1, [&] {
-        if (!supported("supportweb"))
-            return 0;
-        int32_t on = 0;
-        bool ok = true;
-        if (version != kVersion) {
-            BKP_LOG(fn, "unsupported version %u", version);
-            ok = false;
-        } else if (KEMOSysbkpIReadLong(fd, &on) < 0) {
-            BKP_LOG(fn, "fail to read runweb");
-            ok = false;
-        } else if (apply && KEMOWebService(on != 0 ? 1 : 0) < 0) {
-            BKP_LOG(fn, "KEMOWebService(%d) failed (%X)", on != 0 ? 1 : 0, KLIBErrGet());
-            ok = false;
-        }
-        if (ok)
-            return 0;
-        report(kWebImportEvent);
-        return -1;
-    });
+    return kemo::edge(-1, [&] { return import_web(fn, fd, version, apply); });
 }
 
 // ------------------------------------------------------------ settings sections

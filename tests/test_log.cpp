@@ -266,6 +266,23 @@ TEST_F(Log, ClassesConfigurationAndUsers)
     EXPECT_THAT(log.texts(), ElementsAre(HasSubstr("Kemora log file /var/log/kemoman1.log not exist")));
 }
 
+TEST_F(Log, AnUnknownUserIsRecordedEmptyAndLeavesTheErrorCodeAlone)
+{
+    unsetenv("USERNAME");
+    write_file("/etc/passwd", "daemon:x:1:1::/:/bin/false\n");
+    use_ring(4096);
+    KLIBErrSet(0);
+    ASSERT_EQ(add(0x12200001), 0);
+    EXPECT_EQ(KLIBErrGet(), 0); // a successful write reports nothing
+    const std::string file = read_file(kRing);
+    EXPECT_EQ(file.substr(16), with_times(file.substr(16), record(1, 0, program_invocation_short_name, "", 0x12200001,
+                                                                    {"a", " ", "", "bcd"}),
+                                          {0}, kT0, 0xFFFFFFFF));
+    // Asked directly, the lookup still names its failure.
+    EXPECT_STREQ(KEMOLogObtainUser(), "");
+    EXPECT_EQ(KLIBErrGet(), ERR_KEY_NOT_FOUND);
+}
+
 // Records of the damage tests.
 std::string old_records()
 {
