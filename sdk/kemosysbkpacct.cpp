@@ -54,12 +54,12 @@ struct Writer {
     bool ok = true;
     Writer &text(std::string_view value)
     {
-        ok = ok && KEMOSysbkpIWriteString(fd, std::string(value).c_str()) == 0;
+        ok = ok && kemo::sysbackup::write_string(fd, value) == 0;
         return *this;
     }
     Writer &number(long value)
     {
-        ok = ok && KEMOSysbkpIWriteLong(fd, static_cast<int32_t>(value)) == 0;
+        ok = ok && kemo::sysbackup::write_long(fd, static_cast<int32_t>(value)) == 0;
         return *this;
     }
 };
@@ -78,7 +78,7 @@ struct Reader {
     long number()
     {
         int32_t value = 0;
-        if (!ok || KEMOSysbkpIReadLong(fd, &value) < 0) {
+        if (!ok || kemo::sysbackup::read_long(fd, value) < 0) {
             ok = false;
             return 0;
         }
@@ -411,13 +411,15 @@ std::optional<StoredShare> restorable(const StoredShare &share)
     if (BlKLIBIsShareName(share.name.c_str()) != 1 || reserved_share_name(share.name))
         return std::nullopt;
     StoredShare kept{share.name, {}};
-    for (const auto &[key, value] : share.lines) {
+    for (const auto &line : share.lines) {
+        // Named, not bound: the lambda below captures the key.
+        const std::string &key = line.first, &value = line.second;
         if (has_line_break(key) || has_line_break(value))
             return std::nullopt;
         const bool known = std::find(std::begin(kShareKeys), std::end(kShareKeys), key) !=
                            std::end(kShareKeys);
         const bool seen = std::any_of(kept.lines.begin(), kept.lines.end(),
-                                      [&](const auto &line) { return line.first == key; });
+                                      [&](const auto &kept_line) { return kept_line.first == key; });
         if (!known || seen) {
             KEMO_LOG("share [%s]: key [%s] not restored", share.name.c_str(), key.c_str());
             continue;
