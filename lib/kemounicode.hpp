@@ -1,0 +1,31 @@
+// Internal interface of the Unicode module: UTF-8 counting, cutting,
+// upper-casing and case-insensitive comparison in the current locale, for
+// modules that must not set the error code of their own caller through an
+// exported function.  Each function sets the error code when it fails and
+// throws std::bad_alloc when memory runs out.
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace kemo::unicode {
+
+// Compares a and b after upper-casing both: -1, 0 or 1; -2 with
+// ERR_UNKNOWN when either is not valid UTF-8 or the collator fails.
+int case_compare(std::string_view a, std::string_view b);
+
+// The number of characters of the UTF-8 text s; -1 with ERR_UNKNOWN when s
+// is not valid UTF-8.
+int count_chars(std::string_view s);
+
+// s upper-cased (one character may become several); nullopt with
+// ERR_UNKNOWN when s is not valid UTF-8.
+std::optional<std::string> upper(std::string_view s);
+
+// The number of bytes of the first n characters of s (all of s when it has
+// fewer); nullopt with ERR_UNKNOWN at invalid UTF-8 within them.
+std::optional<std::size_t> prefix_bytes(std::string_view s, int n);
+
+} // namespace kemo::unicode
