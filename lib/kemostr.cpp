@@ -347,6 +347,64 @@ int insert(char *buf, int size, int pos, std::string_view text)
     return store(buf, static_cast<size_t>(size), out);
 }
 
+int split_pair(const char *line, PKLIBSZLIST *plist)
+{
+    // The key is pushed even when the line has no "=".
+    const std::string_view text(line);
+    const auto eq = text.find('=');
+    const std::string key(kemo::trimmed(text.substr(0, eq)));
+    if (key.empty())
+        return kemo::fail(-1, ERR_BAD_PARAMETERS);
+    if (KLIBSzListPush(plist, key.c_str()) < 0)
+        return -1;
+    if (eq == std::string_view::npos)
+        return kemo::fail(-1, ERR_BAD_PARAMETERS);
+    const std::string value(kemo::trimmed(text.substr(eq + 1)));
+    return KLIBSzListPush(plist, value.c_str()) < 0 ? -1 : 0;
+}
+
+int to_hex(const char *src, char *dst, int size)
+{
+    std::string out;
+    for (const char ch : std::string_view(src)) {
+        const auto c = static_cast<unsigned char>(ch);
+        out += hex_digits[c >> 4];
+        out += hex_digits[c & 0x0F];
+    }
+    return store(dst, static_cast<size_t>(size), out);
+}
+
+int from_hex(const char *src, char *dst, int size)
+{
+    const std::string_view text(src);
+    if (text.size() % 2 != 0)
+        return kemo::fail(-1, ERR_BAD_PARAMETERS);
+    std::string out;
+    for (size_t i = 0; i < text.size(); i += 2) {
+        const int high = hex_value(text[i]);
+        const int low = hex_value(text[i + 1]);
+        if (high < 0 || low < 0)
+            return kemo::fail(-1, ERR_BAD_PARAMETERS);
+        out += static_cast<char>(high << 4 | low);
+    }
+    return store(dst, static_cast<size_t>(size), out);
+}
+
+int replace(char *buf, int size, int length, const char *from, const char *to)
+{
+    const std::string_view text(buf, static_cast<size_t>(length));
+    const std::string_view pattern(from);
+    std::string out;
+    size_t start = 0;
+    for (auto hit = text.find(pattern); hit != std::string_view::npos;
+         hit = text.find(pattern, start)) {
+        out.append(text.substr(start, hit - start)).append(to);
+        start = hit + pattern.size();
+    }
+    out.append(text.substr(start));
+    return store(buf, static_cast<size_t>(size), out);
+}
+
 } // namespace kemo::strings
 
 extern "C" {
@@ -384,20 +442,7 @@ KEMO_API int KLIBStrSepPair(const char *line, PKLIBSZLIST *plist)
 {
     if (line == nullptr || plist == nullptr || *plist == nullptr)
         return kemo::fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        // The key is pushed even when the line has no "=".
-        const std::string_view text(line);
-        const auto eq = text.find('=');
-        const std::string key(kemo::trimmed(text.substr(0, eq)));
-        if (key.empty())
-            return kemo::fail(-1, ERR_BAD_PARAMETERS);
-        if (KLIBSzListPush(plist, key.c_str()) < 0)
-            return -1;
-        if (eq == std::string_view::npos)
-            return kemo::fail(-1, ERR_BAD_PARAMETERS);
-        const std::string value(kemo::trimmed(text.substr(eq + 1)));
-        return KLIBSzListPush(plist, value.c_str()) < 0 ? -1 : 0;
-    });
+    return kemo::edge(-1, [&] { return kemo::strings::split_pair(line, plist); });
 }
 
 // ------------------------------------------------------------ encodings
@@ -416,15 +461,7 @@ KEMO_API int KLIBStringToHexCode(const char *src, char *dst, int size)
 {
     if (src == nullptr || dst == nullptr || size < 0)
         return kemo::fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        std::string out;
-        for (const char ch : std::string_view(src)) {
-            const auto c = static_cast<unsigned char>(ch);
-            out += hex_digits[c >> 4];
-            out += hex_digits[c & 0x0F];
-        }
-        return store(dst, static_cast<size_t>(size), out);
-    });
+    return kemo::edge(-1, [&] { return kemo::strings::to_hex(src, dst, size); });
 }
 
 // Accepts either letter case.  A "00" pair ends the string early; the
@@ -433,20 +470,7 @@ KEMO_API int KLIBStrHexCodeToString(const char *src, char *dst, int size)
 {
     if (src == nullptr || dst == nullptr || size < 0)
         return kemo::fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        const std::string_view text(src);
-        if (text.size() % 2 != 0)
-            return kemo::fail(-1, ERR_BAD_PARAMETERS);
-        std::string out;
-        for (size_t i = 0; i < text.size(); i += 2) {
-            const int high = hex_value(text[i]);
-            const int low = hex_value(text[i + 1]);
-            if (high < 0 || low < 0)
-                return kemo::fail(-1, ERR_BAD_PARAMETERS);
-            out += static_cast<char>(high << 4 | low);
-        }
-        return store(dst, static_cast<size_t>(size), out);
-    });
+    return kemo::edge(-1, [&] { return kemo::strings::from_hex(src, dst, size); });
 }
 
 // ------------------------------------------------------- in-buffer edits
@@ -468,19 +492,7 @@ KEMO_API int KLIBStrReplace(char *buf, int size, const char *from, const char *t
     const int length = buffer_length(buf, size);
     if (length < 0 || from == nullptr || *from == '\0' || to == nullptr)
         return kemo::fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        const std::string_view text(buf, static_cast<size_t>(length));
-        const std::string_view pattern(from);
-        std::string out;
-        size_t start = 0;
-        for (auto hit = text.find(pattern); hit != std::string_view::npos;
-             hit = text.find(pattern, start)) {
-            out.append(text.substr(start, hit - start)).append(to);
-            start = hit + pattern.size();
-        }
-        out.append(text.substr(start));
-        return store(buf, static_cast<size_t>(size), out);
-    });
+    return kemo::edge(-1, [&] { return kemo::strings::replace(buf, size, length, from, to); });
 }
 
 KEMO_API int KLIBStrInsert(char *buf, int size, int pos, const char *text)

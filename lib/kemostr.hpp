@@ -3,6 +3,8 @@
 // code of their own caller through an exported function.
 #pragma once
 
+#include "kemo.h"
+
 #include <string>
 #include <string_view>
 
@@ -38,5 +40,14 @@ char *next_token(char **cursor, const char *delimiters) noexcept;
 // string): the new length, or -1 with ERR_NOT_ENOUGH_MEMORY when it does
 // not fit (buf unchanged).  Throws std::bad_alloc.
 int insert(char *buf, int size, int pos, std::string_view text);
+
+// The bodies of KLIBStrSepPair, KLIBStringToHexCode, KLIBStrHexCodeToString
+// and KLIBStrReplace (length: the length of the string in buf) once their
+// arguments are checked; same results and error codes.  Throw
+// std::bad_alloc.
+int split_pair(const char *line, PKLIBSZLIST *plist);
+int to_hex(const char *src, char *dst, int size);
+int from_hex(const char *src, char *dst, int size);
+int replace(char *buf, int size, int length, const char *from, const char *to);
 
 } // namespace kemo::strings

@@ -388,6 +388,60 @@ bool is_double_byte()
     return false;
 }
 
+int codepage_to_utf8(int index, const char *src, char *dst, int size)
+{
+    if (bad_buffer(src, dst, size))
+        return kemo::fail(-1, ERR_BAD_PARAMETERS);
+    if (index == 0)
+        return deliver(std::string(src), dst, size);
+    UConverter *conv = cached_converter(index);
+    if (conv == nullptr)
+        return -1;
+    const auto text = codepage_to_utf16(conv, src);
+    return deliver(text ? utf16_to_utf8(*text) : std::nullopt, dst, size);
+}
+
+int utf8_to_codepage(int index, const char *src, char *dst, int size)
+{
+    if (bad_buffer(src, dst, size))
+        return kemo::fail(-1, ERR_BAD_PARAMETERS);
+    if (index == 0)
+        return deliver(std::string(src), dst, size);
+    UConverter *conv = cached_converter(index);
+    if (conv == nullptr)
+        return -1;
+    const auto text = utf8_to_utf16(src);
+    return deliver(text ? utf16_to_codepage(conv, *text) : std::nullopt, dst, size);
+}
+
+int utf16_upper(const uint16_t *src, int n, uint16_t **pdst)
+{
+    const auto *text = reinterpret_cast<const UChar *>(src);
+    const int32_t length = n < 0 ? u_strlen(text) : n;
+    // First attempt in a buffer of the input's size; grown once to what
+    // ICU reports when the mapping is longer.
+    int32_t capacity = length + 1;
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        auto *out = static_cast<UChar *>(std::malloc(static_cast<std::size_t>(capacity) * sizeof(UChar)));
+        if (out == nullptr)
+            return kemo::fail(-1, ERR_OUT_OF_MEMORY);
+        UErrorCode status = U_ZERO_ERROR;
+        const int32_t needed = u_strToUpper(out, capacity, text, length, g_cache.locale.c_str(), &status);
+        if (status == U_BUFFER_OVERFLOW_ERROR || status == U_STRING_NOT_TERMINATED_WARNING) {
+            std::free(out);
+            capacity = needed + 1;
+            continue;
+        }
+        if (U_FAILURE(status)) {
+            std::free(out);
+            return kemo::fail(-1, ERR_UNKNOWN);
+        }
+        *pdst = reinterpret_cast<uint16_t *>(out);
+        return static_cast<int>(needed);
+    }
+    return kemo::fail(-1, ERR_UNKNOWN);
+}
+
 } // namespace kemo::unicode
 
 extern "C" {
@@ -425,32 +479,7 @@ KEMO_API int KLIBUnicodeIUTF16StrUpper(const uint16_t *src, int n, uint16_t **pd
         *pdst = nullptr;
     if (src == nullptr || pdst == nullptr)
         return kemo::fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        const auto *text = reinterpret_cast<const UChar *>(src);
-        const int32_t length = n < 0 ? u_strlen(text) : n;
-        // First attempt in a buffer of the input's size; grown once to what
-        // ICU reports when the mapping is longer.
-        int32_t capacity = length + 1;
-        for (int attempt = 0; attempt < 2; ++attempt) {
-            auto *out = static_cast<UChar *>(std::malloc(static_cast<std::size_t>(capacity) * sizeof(UChar)));
-            if (out == nullptr)
-                return kemo::fail(-1, ERR_OUT_OF_MEMORY);
-            UErrorCode status = U_ZERO_ERROR;
-            const int32_t needed = u_strToUpper(out, capacity, text, length, g_cache.locale.c_str(), &status);
-            if (status == U_BUFFER_OVERFLOW_ERROR || status == U_STRING_NOT_TERMINATED_WARNING) {
-                std::free(out);
-                capacity = needed + 1;
-                continue;
-            }
-            if (U_FAILURE(status)) {
-                std::free(out);
-                return kemo::fail(-1, ERR_UNKNOWN);
-            }
-            *pdst = reinterpret_cast<uint16_t *>(out);
-            return static_cast<int>(needed);
-        }
-        return kemo::fail(-1, ERR_UNKNOWN);
-    });
+    return kemo::edge(-1, [&] { return kemo::unicode::utf16_upper(src, n, pdst); });
 }
 
 KEMO_API int KLIBUnicodeOpenCollator(void)
@@ -496,32 +525,12 @@ KEMO_API int KLIBUnicodeCloseConvertor(void)
 
 KEMO_API int KLIBUnicodeStrCPToUTF8(int index, const char *src, char *dst, int size)
 {
-    return kemo::edge(-1, [&] {
-        if (bad_buffer(src, dst, size))
-            return kemo::fail(-1, ERR_BAD_PARAMETERS);
-        if (index == 0)
-            return deliver(std::string(src), dst, size);
-        UConverter *conv = cached_converter(index);
-        if (conv == nullptr)
-            return -1;
-        const auto text = codepage_to_utf16(conv, src);
-        return deliver(text ? utf16_to_utf8(*text) : std::nullopt, dst, size);
-    });
+    return kemo::edge(-1, [&] { return kemo::unicode::codepage_to_utf8(index, src, dst, size); });
 }
 
 KEMO_API int KLIBUnicodeStrUTF8ToCP(int index, const char *src, char *dst, int size)
 {
-    return kemo::edge(-1, [&] {
-        if (bad_buffer(src, dst, size))
-            return kemo::fail(-1, ERR_BAD_PARAMETERS);
-        if (index == 0)
-            return deliver(std::string(src), dst, size);
-        UConverter *conv = cached_converter(index);
-        if (conv == nullptr)
-            return -1;
-        const auto text = utf8_to_utf16(src);
-        return deliver(text ? utf16_to_codepage(conv, *text) : std::nullopt, dst, size);
-    });
+    return kemo::edge(-1, [&] { return kemo::unicode::utf8_to_codepage(index, src, dst, size); });
 }
 
 KEMO_API int KLIBUnicodeStrUTF16ToUTF8(const uint16_t *src, char *dst, int size)

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -27,5 +28,20 @@ std::optional<std::string> upper(std::string_view s);
 // The number of bytes of the first n characters of s (all of s when it has
 // fewer); nullopt with ERR_UNKNOWN at invalid UTF-8 within them.
 std::optional<std::size_t> prefix_bytes(std::string_view s, int n);
+
+// The bodies of KLIBUnicodeStrCPToUTF8, KLIBUnicodeStrUTF8ToCP and
+// KLIBUnicodeIUTF16StrUpper (pdst already checked); same results and
+// error codes.
+int codepage_to_utf8(int index, const char *src, char *dst, int size);
+int utf8_to_codepage(int index, const char *src, char *dst, int size);
+int utf16_upper(const uint16_t *src, int n, uint16_t **pdst);
+
+// The bodies of KLIBUnicodeUTF8ShortenStr (dst large enough),
+// KLIBUnicodeGetCodePage (index not null), KLIBUnicodeSetCodePage (kind and
+// index valid) and BlKLIBIsDByte.
+int shorten(std::string_view src, int max_chars, std::string_view suffix, char *dst);
+int get_codepage(int kind, int *index);
+int set_codepage(int kind, int index);
+bool is_double_byte();
 
 } // namespace kemo::unicode
