@@ -388,30 +388,31 @@ bool is_double_byte()
     return false;
 }
 
-int codepage_to_utf8(int index, const char *src, char *dst, int size)
+// Text between the code page of index (0: none, the bytes are kept) and
+// UTF-8, in either direction, handed to the caller as deliver() does.
+static int convert(int index, std::string_view src, char *dst, int size, bool to_utf8)
 {
-    if (bad_buffer(src, dst, size))
-        return kemo::fail(-1, ERR_BAD_PARAMETERS);
     if (index == 0)
         return deliver(std::string(src), dst, size);
     UConverter *conv = cached_converter(index);
     if (conv == nullptr)
         return -1;
-    const auto text = codepage_to_utf16(conv, src);
-    return deliver(text ? utf16_to_utf8(*text) : std::nullopt, dst, size);
-}
-
-int utf8_to_codepage(int index, const char *src, char *dst, int size)
-{
-    if (bad_buffer(src, dst, size))
-        return kemo::fail(-1, ERR_BAD_PARAMETERS);
-    if (index == 0)
-        return deliver(std::string(src), dst, size);
-    UConverter *conv = cached_converter(index);
-    if (conv == nullptr)
-        return -1;
+    if (to_utf8) {
+        const auto text = codepage_to_utf16(conv, src);
+        return deliver(text ? utf16_to_utf8(*text) : std::nullopt, dst, size);
+    }
     const auto text = utf8_to_utf16(src);
     return deliver(text ? utf16_to_codepage(conv, *text) : std::nullopt, dst, size);
+}
+
+int codepage_to_utf8(int index, std::string_view src, char *dst, int size)
+{
+    return convert(index, src, dst, size, true);
+}
+
+int utf8_to_codepage(int index, std::string_view src, char *dst, int size)
+{
+    return convert(index, src, dst, size, false);
 }
 
 int utf16_upper(const uint16_t *src, int n, uint16_t **pdst)
@@ -525,11 +526,15 @@ KEMO_API int KLIBUnicodeCloseConvertor(void)
 
 KEMO_API int KLIBUnicodeStrCPToUTF8(int index, const char *src, char *dst, int size)
 {
+    if (bad_buffer(src, dst, size))
+        return kemo::fail(-1, ERR_BAD_PARAMETERS);
     return kemo::edge(-1, [&] { return kemo::unicode::codepage_to_utf8(index, src, dst, size); });
 }
 
 KEMO_API int KLIBUnicodeStrUTF8ToCP(int index, const char *src, char *dst, int size)
 {
+    if (bad_buffer(src, dst, size))
+        return kemo::fail(-1, ERR_BAD_PARAMETERS);
     return kemo::edge(-1, [&] { return kemo::unicode::utf8_to_codepage(index, src, dst, size); });
 }
 

@@ -29,11 +29,13 @@ std::optional<std::string> upper(std::string_view s);
 // fewer); nullopt with ERR_UNKNOWN at invalid UTF-8 within them.
 std::optional<std::size_t> prefix_bytes(std::string_view s, int n);
 
-// The bodies of KLIBUnicodeStrCPToUTF8, KLIBUnicodeStrUTF8ToCP and
-// KLIBUnicodeIUTF16StrUpper (pdst already checked); same results and
-// error codes.
-int codepage_to_utf8(int index, const char *src, char *dst, int size);
-int utf8_to_codepage(int index, const char *src, char *dst, int size);
+// src converted from the code page of index to UTF-8, or back, into dst of
+// size bytes: its length (dst holds it only when it is shorter than size,
+// else ""; size 0 only measures), or -1 with the error code set.
+int codepage_to_utf8(int index, std::string_view src, char *dst, int size);
+int utf8_to_codepage(int index, std::string_view src, char *dst, int size);
+
+// The body of KLIBUnicodeIUTF16StrUpper (pdst already checked).
 int utf16_upper(const uint16_t *src, int n, uint16_t **pdst);
 
 // The bodies of KLIBUnicodeUTF8ShortenStr (dst large enough),
