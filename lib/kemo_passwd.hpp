@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace kemo {
 
@@ -17,6 +18,15 @@ std::optional<std::string> md5_crypt(const char *plain, const char *setting);
 
 // Bytes as upper-case hexadecimal, two digits per byte.
 std::string hex_upper(const unsigned char *bytes, std::size_t count);
+
+// The LAN Manager hash of plain: upper-cased (UTF-8, current locale), cut or
+// padded with NULs to 14 bytes.  false with ERR_UNKNOWN when plain is not
+// valid UTF-8.  Throws std::bad_alloc.
+bool smb_lm_hash(std::string_view plain, unsigned char hash[16]);
+
+// The NT hash of plain: MD4 of its UTF-16 little-endian form.  false with
+// ERR_UNKNOWN when plain is not valid UTF-8.  Throws std::bad_alloc.
+bool smb_nt_hash(std::string_view plain, unsigned char hash[16]);
 
 // The LM and NT hashes of plain as 32 hexadecimal digits each.  false with
 // the error code of KLIBSmbLmHash / KLIBSmbNtHash.

@@ -4,6 +4,7 @@
 // byte for byte.
 #include "kemofile.hpp"
 #include "kemo_io.hpp"
+#include "kemosection.hpp"
 
 #include <algorithm>
 #include <cstring>
@@ -86,37 +87,6 @@ void append_after(kemo::Twin &twin, bool ended, std::string_view text)
     twin.write(text);
 }
 
-// Shared by the getters: finds the first (or, with flags bit 0, the last)
-// line of key and extracts the answer with pick(line) -> optional text.
-template <class Pick>
-int get_by_key(const char *path, const char *key, char *buf, int size, int flags, Pick &&pick)
-{
-    if (path == nullptr || key == nullptr || size < 0 || (buf == nullptr && size != 0) || flags < 0)
-        return fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        const std::string_view wanted(key);
-        const bool last = (flags & 1) != 0;
-        std::optional<std::string> found;
-        if (kemo::for_each_line(path, [&](std::string_view line) {
-                if (!key_matches(line, wanted))
-                    return 1;
-                const std::optional<std::string_view> answer = pick(line);
-                found = answer ? std::optional<std::string>(*answer) : std::nullopt;
-                return last ? 1 : 0;
-            }) < 0)
-            return -1;
-        if (!found)
-            return fail(0, ERR_KEY_NOT_FOUND);
-        const int needed = static_cast<int>(found->size()) + 1;
-        if (buf != nullptr) {
-            if (needed > size)
-                return fail(-1, ERR_NOT_ENOUGH_MEMORY);
-            std::memcpy(buf, found->c_str(), static_cast<std::size_t>(needed));
-        }
-        return needed;
-    });
-}
-
 // A setter's result when open_or_create did not open a file: 1 when it
 // created one, else -1; a place where no file can be created at all is a
 // bad path.
@@ -163,7 +133,7 @@ int set_by_key(const char *path, std::string_view key, const std::string &fresh_
 // Returns the number of keys written (the file is left alone when none);
 // with consume, the keys found in the file (not the appended ones) leave the
 // hash.
-int set_keys(const char *path, PKLIBSZHASH hash, const char *format, bool consume)
+int write_keys(const char *path, PKLIBSZHASH hash, const char *format, bool consume)
 {
     kemo::PairFormat fmt;
     if (!fmt.parse_or_default(format))
@@ -208,22 +178,58 @@ int set_keys(const char *path, PKLIBSZHASH hash, const char *format, bool consum
 
 namespace kemo::settings {
 
-std::optional<std::string> get_value(const char *path, std::string_view key)
+bool key_matches(std::string_view line, std::string_view key) noexcept
 {
-    std::optional<std::string> found;
-    if (kemo::for_each_line(path, [&](std::string_view line) {
-            if (!key_matches(line, key))
-                return 1;
-            const std::optional<std::string_view> value = line_value(line);
-            if (value)
-                found.emplace(*value);
-            return 0;
-        }) < 0)
-        return std::nullopt;
-    return found ? found : fail(std::optional<std::string>(), ERR_KEY_NOT_FOUND);
+    return ::key_matches(line, key);
 }
 
-int set_key_value(const char *path, const char *key, const char *value, const char *format)
+int find_key(const char *path, std::string_view key, int flags, bool whole_line,
+             std::optional<std::string> &found)
+{
+    const bool last = (flags & 1) != 0;
+    found.reset();
+    if (kemo::for_each_line(path, [&](std::string_view line) {
+            if (!::key_matches(line, key))
+                return 1;
+            const std::optional<std::string_view> answer =
+                whole_line ? std::optional(without_newline(line)) : line_value(line);
+            found = answer ? std::optional<std::string>(*answer) : std::nullopt;
+            return last ? 1 : 0;
+        }) < 0)
+        return -1;
+    return found ? 1 : fail(0, ERR_KEY_NOT_FOUND);
+}
+
+std::optional<std::string> get_value(const char *path, std::string_view key, int flags)
+{
+    std::optional<std::string> found;
+    find_key(path, key, flags, false, found);
+    return found;
+}
+
+std::optional<std::string> get_key_line(const char *path, std::string_view key, int flags)
+{
+    std::optional<std::string> found;
+    find_key(path, key, flags, true, found);
+    return found;
+}
+
+int copy_found(const char *path, std::string_view key, char *buf, int size, int flags, bool whole_line)
+{
+    std::optional<std::string> found;
+    const int result = find_key(path, key, flags, whole_line, found);
+    if (result <= 0)
+        return result;
+    const int needed = static_cast<int>(found->size()) + 1;
+    if (buf != nullptr) {
+        if (needed > size)
+            return fail(-1, ERR_NOT_ENOUGH_MEMORY);
+        std::memcpy(buf, found->c_str(), static_cast<std::size_t>(needed));
+    }
+    return needed;
+}
+
+int set_key_value(const char *path, std::string_view key, std::string_view value, const char *format)
 {
     kemo::PairFormat fmt;
     if (!fmt.parse_or_default(format))
@@ -239,7 +245,21 @@ int set_key_value(const char *path, const char *key, const char *value, const ch
     });
 }
 
-int append_key(const char *path, const char *key, const char *value, const char *format)
+int set_value(const char *path, std::string_view key, std::string_view value, const char *format)
+{
+    if (!kemo::fits_on_line(key) || !kemo::fits_on_line(value))
+        return fail(-1, ERR_BAD_PARAMETERS);
+    // Changes of the default file system are traced on purpose.
+    if (key == "defaultfs") {
+        const std::string k(key), v(value);
+        KEMO_LOG("szKey=%s, szValue=%s", k.c_str(), v.c_str());
+    }
+    if (kemo::is_directory(path))
+        return fail(-1, ERR_BAD_PARAMETERS);
+    return set_key_value(path, key, value, format);
+}
+
+int append_key(const char *path, std::string_view key, std::string_view value, const char *format)
 {
     kemo::PairFormat fmt;
     if (!fmt.parse_or_default(format))
@@ -253,7 +273,7 @@ int append_key(const char *path, const char *key, const char *value, const char 
     std::string_view line;
     bool ended = true;
     while (reader.next(line)) {
-        if (key_matches(line, key))
+        if (::key_matches(line, key))
             return fail(0, ERR_KEY_EXISTS);
         ended = line.back() == '\n';
     }
@@ -266,6 +286,280 @@ int append_key(const char *path, const char *key, const char *value, const char 
     return 1;
 }
 
+int set_or_append(const char *path, std::string_view key, std::string_view value, const char *format)
+{
+    const int result = set_key_value(path, key, value, format);
+    return result == 0 ? append_key(path, key, value, format) : result;
+}
+
+int set_line_by_key(const char *path, std::string_view key, std::string_view line)
+{
+    const std::string text = kemo::with_newline(line);
+    return set_by_key(path, key, text, [&](std::string_view) { return text; });
+}
+
+int add_line_by_key(const char *path, std::string_view key, std::string_view line)
+{
+    const std::string text = kemo::with_newline(line);
+    if (::access(path, F_OK) != 0 && errno == ENOENT)
+        return kemo::create_file(path, text) ? 1 : -1;
+    bool exists = false;
+    const int result = kemo::rewrite_file(
+        path,
+        [&](std::string_view l, kemo::Twin &twin) {
+            exists = exists || ::key_matches(l, key);
+            return twin.write(l), true;
+        },
+        [&](kemo::Twin &twin, bool ended) {
+            if (exists)
+                return 0;
+            append_after(twin, ended, text);
+            return 1;
+        });
+    return result == 0 ? fail(0, ERR_KEY_EXISTS) : result;
+}
+
+int remove_key(const char *path, std::string_view key)
+{
+    int removed = 0;
+    const int result = kemo::rewrite_file(
+        path,
+        [&](std::string_view line, kemo::Twin &twin) {
+            if (::key_matches(line, key))
+                ++removed;
+            else
+                twin.write(line);
+            return true;
+        },
+        [&](kemo::Twin &, bool) { return removed > 0 ? 1 : 0; });
+    if (result < 0)
+        return -1;
+    return removed > 0 ? removed : fail(0, ERR_KEY_NOT_FOUND);
+}
+
+int get_pairs(const char *path, PKLIBSZHASH *phash)
+{
+    std::string scratch;
+    if (kemo::for_each_line(path, [&](std::string_view line) {
+            const auto pair = kemo::split_pair(line);
+            return !pair ? 1 : kemo::set_pair(phash, *pair, scratch) < 0 ? -1 : 1;
+        }) < 0)
+        return -1;
+    return KLIBSzHashPairNum(*phash);
+}
+
+int move_key_line(FILE *stream, std::string_view line, PKLIBSZHASH hash, const char *format)
+{
+    kemo::PairFormat fmt;
+    if (!fmt.parse_or_default(format))
+        return fail(-1, ERR_BAD_PARAMETERS);
+    const std::string_view t = kemo::trimmed(line);
+    if (t.empty() || t[0] == '#' || t[0] == ';')
+        return 0;
+    const std::string key(line_key(line));
+    const char *value = SzKLIBSzHashGetValue(hash, key.c_str());
+    if (value == nullptr)
+        return 0;
+    if (!kemo::fits_on_line(value))
+        return fail(-1, ERR_BAD_PARAMETERS);
+    const std::string text = fmt.line(key, value);
+    if (std::fwrite(text.data(), 1, text.size(), stream) != text.size())
+        return fail(-1, ERR_WRITE_FAILED);
+    if (SzKLIBSzHashRemoveKey(hash, key.c_str()) == nullptr) {
+        kemo::log("KLIBILineKeyMoveHash2File(): SzKLIBSzHashRemoveKey(pshHash, szKey) \t\t\t   "
+                  "szKey=%s",
+                  key.c_str());
+        return -1;
+    }
+    return 1;
+}
+
+int set_keys(const char *path, PKLIBSZHASH hash, const char *format)
+{
+    return write_keys(path, hash, format, true);
+}
+
+int set_pairs(const char *path, PKLIBSZHASH hash, const char *format)
+{
+    if (!kemo::hash_fits_on_lines(hash) || kemo::is_directory(path))
+        return fail(-1, ERR_BAD_PARAMETERS);
+    if (::access(path, F_OK) != 0 && errno == ENOENT && !kemo::create_file(path, ""))
+        return -1;
+    return write_keys(path, hash, format, false) < 0 ? -1 : 0;
+}
+
+int merge_pairs(const char *dst, const char *src, const char *format)
+{
+    kemo::PairFormat fmt;
+    if (!fmt.parse_or_default(format))
+        return fail(-1, ERR_BAD_PARAMETERS);
+    // The pairs of src in file order, first occurrence of each key.
+    std::vector<std::pair<std::string, std::string>> pairs;
+    std::unordered_set<std::string> seen;
+    if (kemo::for_each_line(src, [&](std::string_view line) {
+            const auto pair = is_comment(line) ? std::nullopt : kemo::split_pair(line);
+            if (!pair)
+                return 1;
+            // A stray CR inside a pair would become a line break of dst.
+            if (!kemo::fits_on_line(pair->key) || !kemo::fits_on_line(pair->value))
+                return fail(-1, ERR_BAD_PARAMETERS);
+            if (seen.emplace(pair->key).second)
+                pairs.emplace_back(pair->key, pair->value);
+            return 1;
+        }) < 0)
+        return -1;
+    if (::access(dst, F_OK) != 0 && errno == ENOENT && !kemo::create_file(dst, ""))
+        return -1;
+    int added = 0;
+    const int result = kemo::rewrite_file(
+        dst,
+        [&](std::string_view line, kemo::Twin &twin) {
+            if (!is_comment(line))
+                seen.erase(std::string(line_key(line)));
+            return twin.write(line), true;
+        },
+        [&](kemo::Twin &twin, bool ended) {
+            for (const auto &[key, value] : pairs) {
+                if (!seen.count(key))
+                    continue;
+                append_after(twin, ended, fmt.line(key, value));
+                ended = true;
+                ++added;
+            }
+            return added > 0 ? 1 : 0;
+        });
+    return result < 0 ? -1 : added;
+}
+
+int replace_substring(const char *path, std::string_view from, std::string_view to)
+{
+    int replaced = 0;
+    std::string out;
+    const int result = kemo::rewrite_file(
+        path,
+        [&](std::string_view line, kemo::Twin &twin) {
+            if (is_comment(line) || line.find(from) == std::string_view::npos)
+                return twin.write(line), true;
+            out.clear();
+            std::size_t at = 0;
+            for (auto hit = line.find(from); hit != std::string_view::npos; hit = line.find(from, at)) {
+                out.append(line.substr(at, hit - at)).append(to);
+                at = hit + from.size();
+                ++replaced;
+            }
+            out.append(line.substr(at));
+            return twin.write(out), true;
+        },
+        [&](kemo::Twin &, bool) { return replaced > 0 ? 1 : 0; });
+    return result < 0 ? -1 : replaced;
+}
+
+int comment_key(const char *path, std::string_view key)
+{
+    int count = 0;
+    const int result = kemo::rewrite_file(
+        path,
+        [&](std::string_view line, kemo::Twin &twin) {
+            if (::key_matches(line, key)) {
+                twin.write("#");
+                ++count;
+            }
+            return twin.write(line), true;
+        },
+        [&](kemo::Twin &, bool) { return count > 0 ? 1 : 0; });
+    if (result < 0)
+        return -1;
+    return count > 0 ? count : fail(0, ERR_KEY_NOT_FOUND);
+}
+
+int reverse_lines(const char *path)
+{
+    std::vector<std::string> lines;
+    const int result = kemo::rewrite_file(
+        path,
+        [&](std::string_view line, kemo::Twin &) {
+            lines.emplace_back(without_newline(line));
+            return true;
+        },
+        [&](kemo::Twin &twin, bool) {
+            for (auto it = lines.rbegin(); it != lines.rend(); ++it)
+                twin.write(*it), twin.write("\n");
+            return 1;
+        });
+    if (result < 0) {
+        kemo::log("%s line %d: fail to rename errno=%d", __FILE__, __LINE__, errno);
+        return -1;
+    }
+    return static_cast<int>(lines.size());
+}
+
+int read_lines(const char *path, PKLIBSZLIST *plist)
+{
+    int count = 0;
+    std::string text;
+    const int result = kemo::for_each_line(path, [&](std::string_view line) {
+        text.assign(without_newline(line));
+        return KLIBSzListPush(plist, text.c_str()) < 0 ? -1 : (++count, 1);
+    });
+    return result < 0 ? -1 : count;
+}
+
+int match_line_number(const char *path, std::string_view pattern, int flags)
+{
+    int number = 0, found = 0;
+    if (kemo::for_each_line(path, [&](std::string_view line) {
+            ++number;
+            // As a C string the line would end at its first NUL byte.
+            const std::string_view text = line.substr(0, line.find('\0'));
+            if (!kemo::sections::line_matches(text, pattern, flags))
+                return 1;
+            found = number;
+            return (flags & KLIB_MATCH_LAST) != 0 ? 1 : 0;
+        }) < 0)
+        return -1;
+    return found > 0 ? found : fail(0, ERR_KEY_NOT_FOUND);
+}
+
+int enum_dir(const char *dir, PKLIBSZLIST *plist, int flags)
+{
+    std::unique_ptr<DIR, int (*)(DIR *)> d(::opendir(dir), ::closedir);
+    if (!d)
+        return fail(-1, ERR_OPEN_FAILED);
+    std::vector<std::string> paths;
+    while (const dirent *entry = ::readdir(d.get())) {
+        const std::string_view name(entry->d_name);
+        if (name == "." || name == "..")
+            continue;
+        std::string full = std::string(dir) + "/" + std::string(name);
+        struct stat st;
+        if (flags != 0 && (::stat(full.c_str(), &st) != 0 ||
+                           (flags == KLIB_ENUM_FILES && !S_ISREG(st.st_mode)) ||
+                           (flags == KLIB_ENUM_DIRS && !S_ISDIR(st.st_mode))))
+            continue;
+        paths.push_back(std::move(full));
+    }
+    std::sort(paths.begin(), paths.end());
+    for (const std::string &p : paths)
+        if (KLIBSzListPush(plist, p.c_str()) < 0)
+            return -1;
+    return static_cast<int>(paths.size());
+}
+
+bool format_is_valid(std::string_view format)
+{
+    kemo::PairFormat fmt;
+    return fmt.parse(format);
+}
+
+int temp_name(std::string_view prefix, char *buf, int size)
+{
+    const std::string name = kemo::unique_name(prefix);
+    if (name.size() >= static_cast<std::size_t>(size))
+        return fail(-1, ERR_NOT_ENOUGH_MEMORY);
+    std::memcpy(buf, name.c_str(), name.size() + 1);
+    return 0;
+}
+
 } // namespace kemo::settings
 
 extern "C" {
@@ -274,32 +568,29 @@ KEMO_API int KLIBILineKeyMatch(const char *line, const char *key)
 {
     if (key == nullptr)
         return fail(0, ERR_BAD_PARAMETERS);
-    return line != nullptr && key_matches(line, key) ? 1 : 0;
+    return line != nullptr && kemo::settings::key_matches(line, key) ? 1 : 0;
 }
 
 KEMO_API int KLIBFileGetKeyValue(const char *path, const char *key, char *buf, int size, int flags)
 {
-    return get_by_key(path, key, buf, size, flags, line_value);
+    if (path == nullptr || key == nullptr || size < 0 || (buf == nullptr && size != 0) || flags < 0)
+        return fail(-1, ERR_BAD_PARAMETERS);
+    return kemo::edge(-1, [&] { return kemo::settings::copy_found(path, key, buf, size, flags, false); });
 }
 
 KEMO_API int KLIBFileGetLineByKey(const char *path, const char *key, char *buf, int size, int flags)
 {
-    return get_by_key(path, key, buf, size, flags,
-                      [](std::string_view line) { return std::optional(without_newline(line)); });
+    if (path == nullptr || key == nullptr || size < 0 || (buf == nullptr && size != 0) || flags < 0)
+        return fail(-1, ERR_BAD_PARAMETERS);
+    return kemo::edge(-1, [&] { return kemo::settings::copy_found(path, key, buf, size, flags, true); });
 }
 
 KEMO_API int KLIBFileSetKeyValue(const char *path, const char *key, const char *value,
                                  const char *format)
 {
-    if (path == nullptr || key == nullptr || value == nullptr || !kemo::fits_on_line(key) ||
-        !kemo::fits_on_line(value))
+    if (path == nullptr || key == nullptr || value == nullptr)
         return fail(-1, ERR_BAD_PARAMETERS);
-    // Changes of the default file system are traced on purpose.
-    if (std::strcmp(key, "defaultfs") == 0)
-        KEMO_LOG("szKey=%s, szValue=%s", key, value);
-    if (kemo::is_directory(path))
-        return fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] { return kemo::settings::set_key_value(path, key, value, format); });
+    return kemo::edge(-1, [&] { return kemo::settings::set_value(path, key, value, format); });
 }
 
 KEMO_API int KLIBFileSetLineByKey(const char *path, const char *key, const char *line)
@@ -307,10 +598,7 @@ KEMO_API int KLIBFileSetLineByKey(const char *path, const char *key, const char 
     if (path == nullptr || key == nullptr || line == nullptr || !kemo::fits_on_line(key) ||
         !kemo::is_single_line(line) || kemo::is_directory(path))
         return fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        const std::string text = kemo::with_newline(line);
-        return set_by_key(path, key, text, [&](std::string_view) { return text; });
-    });
+    return kemo::edge(-1, [&] { return kemo::settings::set_line_by_key(path, key, line); });
 }
 
 KEMO_API int KLIBIFileSetKeyValue(const char *path, const char *key, const char *value,
@@ -319,10 +607,7 @@ KEMO_API int KLIBIFileSetKeyValue(const char *path, const char *key, const char 
     if (path == nullptr || key == nullptr || value == nullptr || !kemo::fits_on_line(key) ||
         !kemo::fits_on_line(value) || kemo::is_directory(path))
         return fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        const int result = kemo::settings::set_key_value(path, key, value, format);
-        return result == 0 ? kemo::settings::append_key(path, key, value, format) : result;
-    });
+    return kemo::edge(-1, [&] { return kemo::settings::set_or_append(path, key, value, format); });
 }
 
 KEMO_API int KLIBFileAppendKey(const char *path, const char *key, const char *value,
@@ -339,62 +624,21 @@ KEMO_API int KLIBFileAddLineByKey(const char *path, const char *key, const char 
     if (path == nullptr || key == nullptr || line == nullptr || !kemo::fits_on_line(key) ||
         !kemo::is_single_line(line) || kemo::is_directory(path))
         return fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        const std::string text = kemo::with_newline(line);
-        if (::access(path, F_OK) != 0 && errno == ENOENT)
-            return kemo::create_file(path, text) ? 1 : -1;
-        bool exists = false;
-        const int result = kemo::rewrite_file(
-            path,
-            [&](std::string_view l, kemo::Twin &twin) {
-                exists = exists || key_matches(l, key);
-                return twin.write(l), true;
-            },
-            [&](kemo::Twin &twin, bool ended) {
-                if (exists)
-                    return 0;
-                append_after(twin, ended, text);
-                return 1;
-            });
-        return result == 0 ? fail(0, ERR_KEY_EXISTS) : result;
-    });
+    return kemo::edge(-1, [&] { return kemo::settings::add_line_by_key(path, key, line); });
 }
 
 KEMO_API int KLIBFileRemoveKey(const char *path, const char *key)
 {
     if (path == nullptr || key == nullptr || !kemo::fits_on_line(key))
         return fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        int removed = 0;
-        const int result = kemo::rewrite_file(
-            path,
-            [&](std::string_view line, kemo::Twin &twin) {
-                if (key_matches(line, key))
-                    ++removed;
-                else
-                    twin.write(line);
-                return true;
-            },
-            [&](kemo::Twin &, bool) { return removed > 0 ? 1 : 0; });
-        if (result < 0)
-            return -1;
-        return removed > 0 ? removed : fail(0, ERR_KEY_NOT_FOUND);
-    });
+    return kemo::edge(-1, [&] { return kemo::settings::remove_key(path, key); });
 }
 
 KEMO_API int KLIBFileGetPair(const char *path, PKLIBSZHASH *phash)
 {
     if (path == nullptr || phash == nullptr || *phash == nullptr)
         return fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        std::string scratch;
-        if (kemo::for_each_line(path, [&](std::string_view line) {
-                const auto pair = kemo::split_pair(line);
-                return !pair ? 1 : kemo::set_pair(phash, *pair, scratch) < 0 ? -1 : 1;
-            }) < 0)
-            return -1;
-        return KLIBSzHashPairNum(*phash);
-    });
+    return kemo::edge(-1, [&] { return kemo::settings::get_pairs(path, phash); });
 }
 
 KEMO_API int KLIBILineKeyMoveHash2File(FILE *stream, const char *line, PKLIBSZHASH hash,
@@ -402,95 +646,28 @@ KEMO_API int KLIBILineKeyMoveHash2File(FILE *stream, const char *line, PKLIBSZHA
 {
     if (stream == nullptr || line == nullptr || hash == nullptr)
         return fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        kemo::PairFormat fmt;
-        if (!fmt.parse_or_default(format))
-            return fail(-1, ERR_BAD_PARAMETERS);
-        const std::string_view t = kemo::trimmed(line);
-        if (t.empty() || t[0] == '#' || t[0] == ';')
-            return 0;
-        const std::string key(line_key(line));
-        const char *value = SzKLIBSzHashGetValue(hash, key.c_str());
-        if (value == nullptr)
-            return 0;
-        if (!kemo::fits_on_line(value))
-            return fail(-1, ERR_BAD_PARAMETERS);
-        const std::string text = fmt.line(key, value);
-        if (std::fwrite(text.data(), 1, text.size(), stream) != text.size())
-            return fail(-1, ERR_WRITE_FAILED);
-        if (SzKLIBSzHashRemoveKey(hash, key.c_str()) == nullptr) {
-            kemo::log("KLIBILineKeyMoveHash2File(): SzKLIBSzHashRemoveKey(pshHash, szKey) \t\t\t   "
-                      "szKey=%s",
-                      key.c_str());
-            return -1;
-        }
-        return 1;
-    });
+    return kemo::edge(-1, [&] { return kemo::settings::move_key_line(stream, line, hash, format); });
 }
 
 KEMO_API int KLIBFileSetKeys(const char *path, PKLIBSZHASH hash, const char *format)
 {
     if (path == nullptr || hash == nullptr || !kemo::hash_fits_on_lines(hash))
         return fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] { return set_keys(path, hash, format, true); });
+    return kemo::edge(-1, [&] { return kemo::settings::set_keys(path, hash, format); });
 }
 
 KEMO_API int ErrKLIBFileSetPair(const char *path, PKLIBSZHASH hash, const char *format)
 {
-    if (path == nullptr || hash == nullptr || !kemo::hash_fits_on_lines(hash) || kemo::is_directory(path))
+    if (path == nullptr || hash == nullptr)
         return fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        if (::access(path, F_OK) != 0 && errno == ENOENT && !kemo::create_file(path, ""))
-            return -1;
-        return set_keys(path, hash, format, false) < 0 ? -1 : 0;
-    });
+    return kemo::edge(-1, [&] { return kemo::settings::set_pairs(path, hash, format); });
 }
 
 KEMO_API int KLIBFileMergePairs(const char *dst, const char *src, const char *format)
 {
     if (dst == nullptr || src == nullptr || kemo::is_directory(dst))
         return fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        kemo::PairFormat fmt;
-        if (!fmt.parse_or_default(format))
-            return fail(-1, ERR_BAD_PARAMETERS);
-        // The pairs of src in file order, first occurrence of each key.
-        std::vector<std::pair<std::string, std::string>> pairs;
-        std::unordered_set<std::string> seen;
-        if (kemo::for_each_line(src, [&](std::string_view line) {
-                const auto pair = is_comment(line) ? std::nullopt : kemo::split_pair(line);
-                if (!pair)
-                    return 1;
-                // A stray CR inside a pair would become a line break of dst.
-                if (!kemo::fits_on_line(pair->key) || !kemo::fits_on_line(pair->value))
-                    return fail(-1, ERR_BAD_PARAMETERS);
-                if (seen.emplace(pair->key).second)
-                    pairs.emplace_back(pair->key, pair->value);
-                return 1;
-            }) < 0)
-            return -1;
-        if (::access(dst, F_OK) != 0 && errno == ENOENT && !kemo::create_file(dst, ""))
-            return -1;
-        int added = 0;
-        const int result = kemo::rewrite_file(
-            dst,
-            [&](std::string_view line, kemo::Twin &twin) {
-                if (!is_comment(line))
-                    seen.erase(std::string(line_key(line)));
-                return twin.write(line), true;
-            },
-            [&](kemo::Twin &twin, bool ended) {
-                for (const auto &[key, value] : pairs) {
-                    if (!seen.count(key))
-                        continue;
-                    append_after(twin, ended, fmt.line(key, value));
-                    ended = true;
-                    ++added;
-                }
-                return added > 0 ? 1 : 0;
-            });
-        return result < 0 ? -1 : added;
-    });
+    return kemo::edge(-1, [&] { return kemo::settings::merge_pairs(dst, src, format); });
 }
 
 KEMO_API int KLIBFileReplaceSubStr(const char *path, const char *from, const char *to)
@@ -498,150 +675,49 @@ KEMO_API int KLIBFileReplaceSubStr(const char *path, const char *from, const cha
     if (path == nullptr || from == nullptr || to == nullptr || *from == '\0' ||
         !kemo::fits_on_line(from) || !kemo::fits_on_line(to))
         return fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        const std::string_view needle(from), replacement(to);
-        int replaced = 0;
-        std::string out;
-        const int result = kemo::rewrite_file(
-            path,
-            [&](std::string_view line, kemo::Twin &twin) {
-                if (is_comment(line) || line.find(needle) == std::string_view::npos)
-                    return twin.write(line), true;
-                out.clear();
-                std::size_t at = 0;
-                for (auto hit = line.find(needle); hit != std::string_view::npos;
-                     hit = line.find(needle, at)) {
-                    out.append(line.substr(at, hit - at)).append(replacement);
-                    at = hit + needle.size();
-                    ++replaced;
-                }
-                out.append(line.substr(at));
-                return twin.write(out), true;
-            },
-            [&](kemo::Twin &, bool) { return replaced > 0 ? 1 : 0; });
-        return result < 0 ? -1 : replaced;
-    });
+    return kemo::edge(-1, [&] { return kemo::settings::replace_substring(path, from, to); });
 }
 
 KEMO_API int KLIBFileComment(const char *path, const char *key)
 {
     if (path == nullptr || key == nullptr || !kemo::fits_on_line(key))
         return fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        int count = 0;
-        const int result = kemo::rewrite_file(
-            path,
-            [&](std::string_view line, kemo::Twin &twin) {
-                if (key_matches(line, key)) {
-                    twin.write("#");
-                    ++count;
-                }
-                return twin.write(line), true;
-            },
-            [&](kemo::Twin &, bool) { return count > 0 ? 1 : 0; });
-        if (result < 0)
-            return -1;
-        return count > 0 ? count : fail(0, ERR_KEY_NOT_FOUND);
-    });
+    return kemo::edge(-1, [&] { return kemo::settings::comment_key(path, key); });
 }
 
 KEMO_API int KLIBFileIInverse(const char *path)
 {
     if (path == nullptr)
         return fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        std::vector<std::string> lines;
-        const int result = kemo::rewrite_file(
-            path,
-            [&](std::string_view line, kemo::Twin &) {
-                lines.emplace_back(without_newline(line));
-                return true;
-            },
-            [&](kemo::Twin &twin, bool) {
-                for (auto it = lines.rbegin(); it != lines.rend(); ++it)
-                    twin.write(*it), twin.write("\n");
-                return 1;
-            });
-        if (result < 0) {
-            kemo::log("%s line %d: fail to rename errno=%d", __FILE__, __LINE__, errno);
-            return -1;
-        }
-        return static_cast<int>(lines.size());
-    });
+    return kemo::edge(-1, [&] { return kemo::settings::reverse_lines(path); });
 }
 
 KEMO_API int KLIBFileReadLines(const char *path, PKLIBSZLIST *plist)
 {
     if (path == nullptr || plist == nullptr || *plist == nullptr)
         return fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        int count = 0;
-        std::string text;
-        const int result = kemo::for_each_line(path, [&](std::string_view line) {
-            text.assign(without_newline(line));
-            return KLIBSzListPush(plist, text.c_str()) < 0 ? -1 : (++count, 1);
-        });
-        return result < 0 ? -1 : count;
-    });
+    return kemo::edge(-1, [&] { return kemo::settings::read_lines(path, plist); });
 }
 
 KEMO_API int KLIBFileMatchLineNo(const char *path, const char *pattern, int flags)
 {
     if (path == nullptr || pattern == nullptr || flags < 0)
         return fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        int number = 0, found = 0;
-        if (kemo::for_each_line(path, [&](std::string_view line) {
-                ++number;
-                // As a C string the line would end at its first NUL byte.
-                const std::string_view text = line.substr(0, line.find('\0'));
-                if (!kemo::sections::line_matches(text, pattern, flags))
-                    return 1;
-                found = number;
-                return (flags & KLIB_MATCH_LAST) != 0 ? 1 : 0;
-            }) < 0)
-            return -1;
-        return found > 0 ? found : fail(0, ERR_KEY_NOT_FOUND);
-    });
+    return kemo::edge(-1, [&] { return kemo::settings::match_line_number(path, pattern, flags); });
 }
 
 KEMO_API int KLIBFileEnumDir(const char *dir, PKLIBSZLIST *plist, int flags)
 {
     if (dir == nullptr || plist == nullptr || *plist == nullptr || flags < 0 || flags > 2)
         return fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        std::unique_ptr<DIR, int (*)(DIR *)> d(::opendir(dir), ::closedir);
-        if (!d)
-            return fail(-1, ERR_OPEN_FAILED);
-        std::vector<std::string> paths;
-        while (const dirent *entry = ::readdir(d.get())) {
-            const std::string_view name(entry->d_name);
-            if (name == "." || name == "..")
-                continue;
-            std::string full = std::string(dir) + "/" + std::string(name);
-            struct stat st;
-            if (flags != 0 && (::stat(full.c_str(), &st) != 0 ||
-                               (flags == KLIB_ENUM_FILES && !S_ISREG(st.st_mode)) ||
-                               (flags == KLIB_ENUM_DIRS && !S_ISDIR(st.st_mode))))
-                continue;
-            paths.push_back(std::move(full));
-        }
-        std::sort(paths.begin(), paths.end());
-        for (const std::string &p : paths)
-            if (KLIBSzListPush(plist, p.c_str()) < 0)
-                return -1;
-        return static_cast<int>(paths.size());
-    });
+    return kemo::edge(-1, [&] { return kemo::settings::enum_dir(dir, plist, flags); });
 }
 
 KEMO_API int KLIBIFileCheckFormat(const char *format)
 {
     if (format == nullptr)
         return 1;
-    return kemo::edge(0, [&] {
-        kemo::PairFormat fmt;
-        return fmt.parse(format) ? 1 : 0;
-    });
+    return kemo::edge(0, [&] { return kemo::settings::format_is_valid(format) ? 1 : 0; });
 }
 
 KEMO_API int KLIBFileITmpName(const char *prefix, char *buf, int size)
@@ -649,13 +725,7 @@ KEMO_API int KLIBFileITmpName(const char *prefix, char *buf, int size)
     if (prefix == nullptr || buf == nullptr || size < 0)
         return fail(-1, ERR_BAD_PARAMETERS);
     std::memset(buf, 0, static_cast<std::size_t>(size));
-    return kemo::edge(-1, [&] {
-        const std::string name = kemo::unique_name(prefix);
-        if (name.size() >= static_cast<std::size_t>(size))
-            return fail(-1, ERR_NOT_ENOUGH_MEMORY);
-        std::memcpy(buf, name.c_str(), name.size() + 1);
-        return 0;
-    });
+    return kemo::edge(-1, [&] { return kemo::settings::temp_name(prefix, buf, size); });
 }
 
 } // extern "C"

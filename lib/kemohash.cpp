@@ -13,6 +13,7 @@
 // the pool runs short or fewer than a tenth of the slots are free, and the
 // slot count then grows 31 -> 119 -> 471 -> ... (4n - 5).
 
+#include "kemohash.hpp"
 #include "kemo_io.hpp"
 
 #include <algorithm>
@@ -176,7 +177,7 @@ Room makeRoom(PKLIBSZHASH h, size_t r)
     PKLIBSZHASH g = newTable(moreSlots ? 4LL * n - 5 : n, poolSize);
     if (!g)
         return {};
-    if (KLIBICopyHash(h, g) != 0) {
+    if (kemo::szhash::copy(*h, *g) != 0) {
         std::free(g);
         return {};
     }
@@ -189,6 +190,48 @@ bool put(FILE *stream, std::string_view text)
 }
 
 } // namespace
+
+namespace kemo::szhash {
+
+int copy(const KLIBSZHASH &src, KLIBSZHASH &dst)
+{
+    for (int i = 0; i < src.nSlot; ++i) {
+        const KLIBSZHASHSLOT &s = src.rgSlot[i];
+        if (!s.pszKey)
+            continue;
+        const std::string_view k{s.pszKey};
+        const std::string_view v{s.pszValue};
+        const Probe p = probe(&dst, k);
+        if (p.found >= 0) {
+            if (v.size() > std::strlen(dst.rgSlot[p.found].pszValue) &&
+                static_cast<size_t>(dst.nPoolFree) < v.size() + 1)
+                return kemo::fail(-1, ERR_NOT_ENOUGH_SPACE);
+            replaceValue(&dst, p.found, v);
+        } else {
+            if (p.insert < 0 || static_cast<size_t>(dst.nPoolFree) < k.size() + v.size() + 2)
+                return kemo::fail(-1, ERR_NOT_ENOUGH_SPACE);
+            storePair(&dst, p.insert, k, v);
+        }
+    }
+    return 0;
+}
+
+int write_section(FILE *stream, const char *section, const KLIBSZHASH &hash, const char *format)
+{
+    kemo::PairFormat fmt;
+    if (!fmt.parse_or_default(format))
+        return kemo::fail(-1, ERR_BAD_PARAMETERS);
+    if (section && !(put(stream, "[") && put(stream, section) && put(stream, "]\n")))
+        return kemo::fail(-1, ERR_WRITE_FAILED);
+    for (int i = 0; i < hash.nSlot; ++i) {
+        const KLIBSZHASHSLOT &s = hash.rgSlot[i];
+        if (s.pszKey && !put(stream, fmt.line(s.pszKey, s.pszValue)))
+            return kemo::fail(-1, ERR_WRITE_FAILED);
+    }
+    return 0;
+}
+
+} // namespace kemo::szhash
 
 extern "C" {
 
@@ -298,25 +341,7 @@ int KLIBICopyHash(PKLIBSZHASH src, PKLIBSZHASH dst)
 {
     if (!src || !dst)
         return kemo::fail(-1, ERR_BAD_PARAMETERS);
-    for (int i = 0; i < src->nSlot; ++i) {
-        const KLIBSZHASHSLOT &s = src->rgSlot[i];
-        if (!s.pszKey)
-            continue;
-        const std::string_view k{s.pszKey};
-        const std::string_view v{s.pszValue};
-        const Probe p = probe(dst, k);
-        if (p.found >= 0) {
-            if (v.size() > std::strlen(dst->rgSlot[p.found].pszValue) &&
-                static_cast<size_t>(dst->nPoolFree) < v.size() + 1)
-                return kemo::fail(-1, ERR_NOT_ENOUGH_SPACE);
-            replaceValue(dst, p.found, v);
-        } else {
-            if (p.insert < 0 || static_cast<size_t>(dst->nPoolFree) < k.size() + v.size() + 2)
-                return kemo::fail(-1, ERR_NOT_ENOUGH_SPACE);
-            storePair(dst, p.insert, k, v);
-        }
-    }
-    return 0;
+    return kemo::szhash::copy(*src, *dst);
 }
 
 void KLIBIHashDump(PKLIBSZHASH hash)
@@ -337,19 +362,7 @@ int ErrKLIBIFileHash2File(FILE *stream, const char *section, PKLIBSZHASH hash, c
 {
     if (!stream || !hash)
         return kemo::fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        kemo::PairFormat fmt;
-        if (!fmt.parse_or_default(format))
-            return kemo::fail(-1, ERR_BAD_PARAMETERS);
-        if (section && !(put(stream, "[") && put(stream, section) && put(stream, "]\n")))
-            return kemo::fail(-1, ERR_WRITE_FAILED);
-        for (int i = 0; i < hash->nSlot; ++i) {
-            const KLIBSZHASHSLOT &s = hash->rgSlot[i];
-            if (s.pszKey && !put(stream, fmt.line(s.pszKey, s.pszValue)))
-                return kemo::fail(-1, ERR_WRITE_FAILED);
-        }
-        return 0;
-    });
+    return kemo::edge(-1, [&] { return kemo::szhash::write_section(stream, section, *hash, format); });
 }
 
 } // extern "C"

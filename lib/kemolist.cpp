@@ -19,6 +19,7 @@
 // exact for 32-bit (24-byte header, 4-byte items) and 64-bit builds.
 
 #include "kemo_internal.hpp"
+#include "kemounicode.hpp"
 
 #include <algorithm>
 #include <climits>
@@ -118,41 +119,28 @@ PKLIBSZLIST grownCopy(KLIBSZLIST *l, long long extra)
     return g;
 }
 
-// Opens the collator for one search and closes it again.
-class CollatorScope {
-public:
-    CollatorScope() : open_(KLIBUnicodeOpenCollator() == 1) {}
-    ~CollatorScope()
-    {
-        if (open_)
-            KLIBUnicodeCloseCollator();
-    }
-    CollatorScope(const CollatorScope &) = delete;
-    CollatorScope &operator=(const CollatorScope &) = delete;
-    bool ok() const { return open_; }
-
-private:
-    bool open_;
-};
 
 constexpr int kCaseCmpFailed = -2;
+
+// The case-insensitive order of the lists: -1, 0 or 1, or kCaseCmpFailed
+// (invalid UTF-8, or no memory left: the error code tells) without ever
+// throwing, so that searches and sorts stop cleanly.
+int caseCompare(const char *a, const char *b) noexcept
+{
+    return kemo::edge(kCaseCmpFailed, [&] { return kemo::unicode::case_compare(a, b); });
+}
 
 // Binary search over the items in the list's sort order.  Returns the index
 // of an item equal to key, or the complement of the insertion point.  A
 // failed case-insensitive comparison ends the search as "not found" at the
-// current insertion point.  *opened is false when the collator could not be
-// opened (the result is then -1).
-int binarySearch(const KLIBSZLIST *l, const char *key, bool caseless, bool *opened)
+// current insertion point.
+int binarySearch(const KLIBSZLIST *l, const char *key, bool caseless)
 {
-    CollatorScope collator;
-    *opened = collator.ok();
-    if (!*opened)
-        return -1;
     int lo = 0;
     int hi = l->nItem - 1;
     while (lo <= hi) {
         const int mid = lo + (hi - lo) / 2;
-        const int c = caseless ? KLIBUnicodeUTF8StrCaseCmp(key, l->pszItem[mid])
+        const int c = caseless ? caseCompare(key, l->pszItem[mid])
                                : std::strcmp(key, l->pszItem[mid]);
         if (caseless && c == kCaseCmpFailed)
             break;
@@ -169,8 +157,7 @@ int binarySearch(const KLIBSZLIST *l, const char *key, bool caseless, bool *open
 int findExact(const KLIBSZLIST *l, const char *str)
 {
     if (byteSorted(l)) {
-        bool opened = false;
-        const int r = binarySearch(l, str, false, &opened);
+        const int r = binarySearch(l, str, false);
         return r < 0 ? -1 : r;
     }
     const char first = str[0];
@@ -185,16 +172,12 @@ int findExact(const KLIBSZLIST *l, const char *str)
 int findCaseless(const KLIBSZLIST *l, const char *str)
 {
     if (caseSorted(l)) {
-        bool opened = false;
-        const int r = binarySearch(l, str, true, &opened);
+        const int r = binarySearch(l, str, true);
         return r < 0 ? -1 : r;
     }
-    CollatorScope collator;
-    if (!collator.ok())
-        return -1;
     for (int i = 0; i < l->nItem; ++i) {
         const char *item = l->pszItem[i];
-        if (!isGap(l, item) && KLIBUnicodeUTF8StrCaseCmp(str, item) == 0)
+        if (!isGap(l, item) && caseCompare(str, item) == 0)
             return i;
     }
     return -1;
@@ -225,7 +208,7 @@ void sortArray(KLIBSZLIST *l, bool caseless)
     char **items = l->pszItem;
     if (caseless)
         std::stable_sort(items, items + l->nItem, [](const char *a, const char *b) {
-            return KLIBUnicodeUTF8StrCaseCmp(a, b) == -1;
+            return caseCompare(a, b) == -1;
         });
     else
         std::sort(items, items + l->nItem,
@@ -239,10 +222,7 @@ int insertAt(PKLIBSZLIST *plist, int index, const char *str)
     const size_t len = std::strlen(str);
 
     if (isSorted(l)) {
-        bool opened = false;
-        const int pos = binarySearch(l, str, caseSorted(l), &opened);
-        if (!opened)
-            return kemo::fail(-1, ERR_UNKNOWN);
+        const int pos = binarySearch(l, str, caseSorted(l));
         index = pos < 0 ? ~pos : pos;
     }
 

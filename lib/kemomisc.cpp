@@ -203,6 +203,120 @@ int kill_by_name(std::string_view name, bool force)
     return std::min(found, most);
 }
 
+unsigned long long dir_size(const char *path)
+{
+    constexpr std::size_t command_size = 4126;
+    // "--": a path that begins with "-" is a path, never an option.
+    const auto command = kemo::shell_command("/usr/bin/du -sk -- '%s'", {path});
+    if (!command || command->size() >= command_size)
+        return kemo::fail(0ULL, ERR_BAD_PARAMETERS);
+    const kemo::ShellOutput out = kemo::shell_read(*command, kemo::Output::first_line);
+    if (!out.started) {
+        KEMO_LOG("Cannot allocate memory for 'popen'");
+        return 0ULL;
+    }
+    if (out.status == -1)
+        KEMO_LOG("Cannot close file stream");
+    unsigned long long kib = 0;
+    if (!leading_number(out.text, kib))
+        return 0ULL;
+    return kib * 1024;
+}
+
+unsigned long long full_dir_size(const char *path)
+{
+    std::string root = path;
+    if (root.front() != '/') {
+        char cwd[PATH_MAX];
+        if (::getcwd(cwd, sizeof cwd) == nullptr) {
+            KEMO_LOG_SP("Failed to get current directory");
+            return kemo::fail(0ULL, ERR_PATH_NOT_FOUND);
+        }
+        root = std::string(cwd) + "/" + root;
+    }
+    std::set<std::pair<dev_t, ino_t>> linked;
+    unsigned long long total = 0;
+    std::vector<std::string> pending{root};
+    bool top = true;
+    while (!pending.empty()) {
+        const std::string name = std::move(pending.back());
+        pending.pop_back();
+        struct stat st {};
+        if (::lstat(name.c_str(), &st) != 0) {
+            if (errno == ENOENT && !top)
+                continue;
+            KEMO_LOG_SP("filename: %s", name.c_str());
+            return kemo::fail(0ULL, ERR_FILE_NOT_FOUND);
+        }
+        top = false;
+        if (S_ISREG(st.st_mode)) {
+            if (st.st_nlink < 2 || linked.emplace(st.st_dev, st.st_ino).second)
+                total += static_cast<unsigned long long>(st.st_size);
+            continue;
+        }
+        if (!S_ISDIR(st.st_mode))
+            continue;
+        DIR *dir = ::opendir(name.c_str());
+        if (dir == nullptr) {
+            if (errno == ENOENT)
+                continue;
+            KEMO_LOG_SP("filename: %s", name.c_str());
+            return kemo::fail(0ULL, ERR_OPEN_FAILED);
+        }
+        struct Close {
+            DIR *d;
+            ~Close() { ::closedir(d); }
+        } close{dir};
+        while (const dirent *entry = ::readdir(dir)) {
+            const std::string_view entry_name = entry->d_name;
+            if (entry_name == "." || entry_name == "..")
+                continue;
+            pending.push_back(name + "/" + std::string(entry_name));
+        }
+    }
+    return total;
+}
+
+int process_listed(const char *name)
+{
+    constexpr std::size_t command_size = 1024;
+    const auto command = kemo::shell_command("/bin/ps | /bin/grep %s | /bin/grep -v grep", {name});
+    if (!command || command->size() >= command_size)
+        return kemo::fail(0, ERR_BAD_PARAMETERS);
+    const kemo::ShellOutput out = kemo::shell_read(*command, kemo::Output::first_line);
+    return out.started && out.text.find(name) != std::string::npos ? 1 : 0;
+}
+
+// device is a name under /dev/usb, already checked.
+int reset_printer(const char *device)
+{
+    const char *const function = "KEMOResetPrinter"; // the name its log lines carry
+    const std::string path = std::string("/dev/usb/") + device;
+    int fd = -1;
+    for (int attempt = 1; fd < 0; ++attempt) {
+        fd = ::open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+        if (fd >= 0)
+            break;
+        if (errno != EBUSY)
+            return kemo::fail(-1, ERR_OPEN_FAILED);
+        if (attempt == printer_open_attempts) {
+            kemo::log("%s:%d(%s) %s open retry excessed.", __FILE__, __LINE__, function, path.c_str());
+            return kemo::fail(-1, ERR_OPEN_FAILED);
+        }
+        kemo::log("%s:%d(%s) %s device busy, retring...", __FILE__, __LINE__, function, path.c_str());
+        sleep_ms(printer_busy_wait_ms);
+    }
+    int result = 0;
+    if (::ioctl(fd, lp_soft_reset) != 0) {
+        const int why = errno;
+        kemo::log("%s:%d(%s) ioctl LPIOC_SOFT_RESET error:(%d) %s", __FILE__, __LINE__, function, why,
+                  std::strerror(why));
+        result = kemo::fail(-1, ERR_OP_FAILURE);
+    }
+    ::close(fd);
+    return result;
+}
+
 } // namespace kemo
 
 extern "C" {
@@ -312,24 +426,7 @@ KEMO_API unsigned long long KLIBGetDirSize(const char *path)
         kemo::log("%s(%d)bad parameter", __FILE__, __LINE__);
         return kemo::fail(0ULL, ERR_BAD_PARAMETERS);
     }
-    return kemo::edge(0ULL, [&] {
-        constexpr std::size_t command_size = 4126;
-        // "--": a path that begins with "-" is a path, never an option.
-        const auto command = kemo::shell_command("/usr/bin/du -sk -- '%s'", {path});
-        if (!command || command->size() >= command_size)
-            return kemo::fail(0ULL, ERR_BAD_PARAMETERS);
-        const kemo::ShellOutput out = kemo::shell_read(*command, kemo::Output::first_line);
-        if (!out.started) {
-            KEMO_LOG("Cannot allocate memory for 'popen'");
-            return 0ULL;
-        }
-        if (out.status == -1)
-            KEMO_LOG("Cannot close file stream");
-        unsigned long long kib = 0;
-        if (!leading_number(out.text, kib))
-            return 0ULL;
-        return kib * 1024;
-    });
+    return kemo::edge(0ULL, [&] { return kemo::dir_size(path); });
 }
 
 // The bytes of the regular files in the tree at path (path itself when it
@@ -342,58 +439,7 @@ KEMO_API unsigned long long KLIBGetFullDirSize(const char *path)
         KEMO_LOG_SP("Bad parameter.");
         return kemo::fail(0ULL, ERR_BAD_PARAMETERS);
     }
-    return kemo::edge(0ULL, [&] {
-        std::string root = path;
-        if (root.front() != '/') {
-            char cwd[PATH_MAX];
-            if (::getcwd(cwd, sizeof cwd) == nullptr) {
-                KEMO_LOG_SP("Failed to get current directory");
-                return kemo::fail(0ULL, ERR_PATH_NOT_FOUND);
-            }
-            root = std::string(cwd) + "/" + root;
-        }
-        std::set<std::pair<dev_t, ino_t>> linked;
-        unsigned long long total = 0;
-        std::vector<std::string> pending{root};
-        bool top = true;
-        while (!pending.empty()) {
-            const std::string name = std::move(pending.back());
-            pending.pop_back();
-            struct stat st {};
-            if (::lstat(name.c_str(), &st) != 0) {
-                if (errno == ENOENT && !top)
-                    continue;
-                KEMO_LOG_SP("filename: %s", name.c_str());
-                return kemo::fail(0ULL, ERR_FILE_NOT_FOUND);
-            }
-            top = false;
-            if (S_ISREG(st.st_mode)) {
-                if (st.st_nlink < 2 || linked.emplace(st.st_dev, st.st_ino).second)
-                    total += static_cast<unsigned long long>(st.st_size);
-                continue;
-            }
-            if (!S_ISDIR(st.st_mode))
-                continue;
-            DIR *dir = ::opendir(name.c_str());
-            if (dir == nullptr) {
-                if (errno == ENOENT)
-                    continue;
-                KEMO_LOG_SP("filename: %s", name.c_str());
-                return kemo::fail(0ULL, ERR_OPEN_FAILED);
-            }
-            struct Close {
-                DIR *d;
-                ~Close() { ::closedir(d); }
-            } close{dir};
-            while (const dirent *entry = ::readdir(dir)) {
-                const std::string_view entry_name = entry->d_name;
-                if (entry_name == "." || entry_name == "..")
-                    continue;
-                pending.push_back(name + "/" + std::string(entry_name));
-            }
-        }
-        return total;
-    });
+    return kemo::edge(0ULL, [&] { return kemo::full_dir_size(path); });
 }
 
 KEMO_API int KLIBKemoIndexAdd(const char *path)
@@ -412,14 +458,7 @@ KEMO_API int BlProcessIsAlive(const char *name)
     // A name starting with "-" would be an option of grep.
     if (name == nullptr || *name == '\0' || *name == '-')
         return kemo::fail(0, ERR_BAD_PARAMETERS);
-    return kemo::edge(0, [&] {
-        constexpr std::size_t command_size = 1024;
-        const auto command = kemo::shell_command("/bin/ps | /bin/grep %s | /bin/grep -v grep", {name});
-        if (!command || command->size() >= command_size)
-            return kemo::fail(0, ERR_BAD_PARAMETERS);
-        const kemo::ShellOutput out = kemo::shell_read(*command, kemo::Output::first_line);
-        return out.started && out.text.find(name) != std::string::npos ? 1 : 0;
-    });
+    return kemo::edge(0, [&] { return kemo::process_listed(name); });
 }
 
 // on != 0 asks the daemon to light the status light (SIGUSR1), 0 to clear
@@ -442,33 +481,7 @@ KEMO_API int KEMOResetPrinter(const char *device)
     if (device == nullptr || *device == '\0' || std::strchr(device, '/') != nullptr ||
         std::strcmp(device, ".") == 0 || std::strcmp(device, "..") == 0)
         return kemo::fail(-1, ERR_BAD_PARAMETERS);
-    const char *const function = __func__; // not the lambda's
-    return kemo::edge(-1, [&] {
-        const std::string path = std::string("/dev/usb/") + device;
-        int fd = -1;
-        for (int attempt = 1; fd < 0; ++attempt) {
-            fd = ::open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
-            if (fd >= 0)
-                break;
-            if (errno != EBUSY)
-                return kemo::fail(-1, ERR_OPEN_FAILED);
-            if (attempt == printer_open_attempts) {
-                kemo::log("%s:%d(%s) %s open retry excessed.", __FILE__, __LINE__, function, path.c_str());
-                return kemo::fail(-1, ERR_OPEN_FAILED);
-            }
-            kemo::log("%s:%d(%s) %s device busy, retring...", __FILE__, __LINE__, function, path.c_str());
-            sleep_ms(printer_busy_wait_ms);
-        }
-        int result = 0;
-        if (::ioctl(fd, lp_soft_reset) != 0) {
-            const int why = errno;
-            kemo::log("%s:%d(%s) ioctl LPIOC_SOFT_RESET error:(%d) %s", __FILE__, __LINE__, function, why,
-                      std::strerror(why));
-            result = kemo::fail(-1, ERR_OP_FAILURE);
-        }
-        ::close(fd);
-        return result;
-    });
+    return kemo::edge(-1, [&] { return kemo::reset_printer(device); });
 }
 
 } // extern "C"

@@ -112,4 +112,19 @@ int ps(std::string_view name, int32_t *pids, int max);
 // the caller itself.  The number found first (at most 256), or -1.
 int kill_by_name(std::string_view name, bool force);
 
+// The size in bytes that "du -sk" reports for path, 0 when it fails.
+unsigned long long dir_size(const char *path);
+
+// The bytes of the regular files in the tree at path (path itself when it
+// is a file), symbolic links not followed, each inode counted once; 0 with
+// the error code set when the walk fails.
+unsigned long long full_dir_size(const char *path);
+
+// 1 when a line of "ps" holds name, else 0.  name must not start with "-".
+int process_listed(const char *name);
+
+// Resets the printer /dev/usb/<device> (device a plain name): 0, or -1
+// with ERR_OPEN_FAILED or ERR_OP_FAILURE.
+int reset_printer(const char *device);
+
 } // namespace kemo

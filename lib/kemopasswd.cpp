@@ -3,6 +3,7 @@
 // ICU) and MD5-crypt through libcrypt.
 #include "kemo_internal.hpp"
 #include "kemo_passwd.hpp"
+#include "kemounicode.hpp"
 
 #include <crypt.h>
 #include <nettle/des.h>
@@ -11,6 +12,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdint>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -83,10 +85,54 @@ std::string hex_upper(const unsigned char *bytes, std::size_t count)
 bool smb_hashes_hex(const char *plain, std::string &lm, std::string &nt)
 {
     unsigned char lm_hash[16], nt_hash[16];
-    if (KLIBSmbLmHash(plain, lm_hash) != 0 || KLIBSmbNtHash(plain, nt_hash) != 0)
+    if (plain == nullptr)
+        return kemo::fail(false, ERR_BAD_PARAMETERS);
+    if (!smb_lm_hash(plain, lm_hash) || !smb_nt_hash(plain, nt_hash))
         return false;
     lm = hex_upper(lm_hash, sizeof lm_hash);
     nt = hex_upper(nt_hash, sizeof nt_hash);
+    return true;
+}
+
+// Longer passwords are cut, as LM always did: only their first 14 bytes
+// count for LM (the NT hash covers the whole password).
+bool smb_lm_hash(std::string_view plain, unsigned char hash[16])
+{
+    const auto upper = kemo::unicode::upper(plain);
+    if (!upper)
+        return false;
+    std::array<uint8_t, 14> pw14{};
+    std::memcpy(pw14.data(), upper->data(), std::min(pw14.size(), upper->size()));
+    lm_from_14(pw14.data(), hash);
+    return true;
+}
+
+// Byte order fixed here so the hash is the same on a big-endian host.
+bool smb_nt_hash(std::string_view plain, unsigned char hash[16])
+{
+    if (plain.size() > static_cast<std::size_t>(INT32_MAX))
+        return kemo::fail(false, ERR_UNKNOWN);
+    const auto length = static_cast<int32_t>(plain.size());
+    UErrorCode status = U_ZERO_ERROR;
+    int32_t units = 0;
+    u_strFromUTF8(nullptr, 0, &units, plain.data(), length, &status);
+    if (status != U_BUFFER_OVERFLOW_ERROR && U_FAILURE(status))
+        return kemo::fail(false, ERR_UNKNOWN);
+    std::vector<UChar> text(static_cast<std::size_t>(units) + 1);
+    status = U_ZERO_ERROR;
+    u_strFromUTF8(text.data(), units + 1, &units, plain.data(), length, &status);
+    if (U_FAILURE(status))
+        return kemo::fail(false, ERR_UNKNOWN);
+    std::vector<uint8_t> bytes;
+    bytes.reserve(2 * static_cast<std::size_t>(units));
+    for (int32_t i = 0; i < units; ++i) {
+        bytes.push_back(static_cast<uint8_t>(text[i] & 0xFF));
+        bytes.push_back(static_cast<uint8_t>(text[i] >> 8));
+    }
+    md4_ctx ctx{};
+    md4_init(&ctx);
+    md4_update(&ctx, bytes.size(), bytes.data());
+    md4_digest(&ctx, MD4_DIGEST_SIZE, hash);
     return true;
 }
 
@@ -94,56 +140,21 @@ bool smb_hashes_hex(const char *plain, std::string &lm, std::string &nt)
 
 extern "C" {
 
-// The password upper-cased (UTF-8, current locale), cut or padded with NULs
-// to 14 bytes.  Longer passwords are cut, as LM always did: only their
-// first 14 bytes count for LM (the NT hash covers the whole password).
+// The password upper-cased and cut or padded to 14 bytes, the LAN Manager
+// way.
 KEMO_API int KLIBSmbLmHash(const char *plain, unsigned char hash[16])
 {
     if (plain == nullptr || hash == nullptr)
         return kemo::fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        const int length = KLIBUnicodeUTF8StrUpper(plain, nullptr, 0);
-        if (length < 0)
-            return -1;
-        std::vector<char> upper(static_cast<std::size_t>(length) + 1);
-        if (KLIBUnicodeUTF8StrUpper(plain, upper.data(), length + 1) != length)
-            return -1;
-        std::array<uint8_t, 14> pw14{};
-        std::memcpy(pw14.data(), upper.data(), std::min(pw14.size(), static_cast<std::size_t>(length)));
-        lm_from_14(pw14.data(), hash);
-        return 0;
-    });
+    return kemo::edge(-1, [&] { return kemo::smb_lm_hash(plain, hash) ? 0 : -1; });
 }
 
-// MD4 of the password in UTF-16 little-endian, byte order fixed here so the
-// hash is the same on a big-endian host.
+// MD4 of the password in UTF-16 little-endian.
 KEMO_API int KLIBSmbNtHash(const char *plain, unsigned char hash[16])
 {
     if (plain == nullptr || hash == nullptr)
         return kemo::fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        UErrorCode status = U_ZERO_ERROR;
-        int32_t units = 0;
-        u_strFromUTF8(nullptr, 0, &units, plain, -1, &status);
-        if (status != U_BUFFER_OVERFLOW_ERROR && U_FAILURE(status))
-            return kemo::fail(-1, ERR_UNKNOWN);
-        std::vector<UChar> text(static_cast<std::size_t>(units) + 1);
-        status = U_ZERO_ERROR;
-        u_strFromUTF8(text.data(), units + 1, &units, plain, -1, &status);
-        if (U_FAILURE(status))
-            return kemo::fail(-1, ERR_UNKNOWN);
-        std::vector<uint8_t> bytes;
-        bytes.reserve(2 * static_cast<std::size_t>(units));
-        for (int32_t i = 0; i < units; ++i) {
-            bytes.push_back(static_cast<uint8_t>(text[i] & 0xFF));
-            bytes.push_back(static_cast<uint8_t>(text[i] >> 8));
-        }
-        md4_ctx ctx{};
-        md4_init(&ctx);
-        md4_update(&ctx, bytes.size(), bytes.data());
-        md4_digest(&ctx, MD4_DIGEST_SIZE, hash);
-        return 0;
-    });
+    return kemo::edge(-1, [&] { return kemo::smb_nt_hash(plain, hash) ? 0 : -1; });
 }
 
 } // extern "C"

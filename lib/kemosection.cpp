@@ -2,8 +2,10 @@
 // "key=value" lines up to the next header.  Sections are enumerated, read
 // into a hash, added, replaced and removed; single lines are found, read and
 // replaced by a text pattern.
+#include "kemosection.hpp"
 #include "kemo_io.hpp"
-#include "kemofile.hpp"
+#include "kemohash.hpp"
+#include "kemounicode.hpp"
 
 #include <cctype>
 #include <cstring>
@@ -56,19 +58,12 @@ bool writable_name(const char *name) noexcept
 // is upper-cased byte by byte in ASCII so that it can still match.
 std::string upper(std::string_view text)
 {
-    std::string in(text), out(in.size() * 3 + 8, '\0');
-    int n = KLIBUnicodeUTF8StrUpper(in.c_str(), out.data(), static_cast<int>(out.size()));
-    if (n >= static_cast<int>(out.size())) {
-        out.assign(static_cast<std::size_t>(n) + 1, '\0');
-        n = KLIBUnicodeUTF8StrUpper(in.c_str(), out.data(), static_cast<int>(out.size()));
-    }
-    if (n < 0) {
-        for (char &c : in)
-            c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-        return in;
-    }
-    out.resize(static_cast<std::size_t>(n));
-    return out;
+    if (auto up = kemo::unicode::upper(text))
+        return *std::move(up);
+    std::string in(text);
+    for (char &c : in)
+        c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    return in;
 }
 
 bool line_match(std::string_view line, std::string_view pattern, int flags)
@@ -113,7 +108,14 @@ std::optional<std::string> render_section(const char *name, PKLIBSZHASH hash, co
     FILE *memory = ::open_memstream(&data, &size);
     if (memory == nullptr)
         throw std::bad_alloc();
-    const int written = ErrKLIBIFileHash2File(memory, name, hash, format);
+    int written = -1;
+    try {
+        written = kemo::szhash::write_section(memory, name, *hash, format);
+    } catch (...) {
+        std::fclose(memory);
+        std::free(data);
+        throw;
+    }
     std::fclose(memory);
     std::optional<std::string> text;
     if (written == 0)
@@ -182,18 +184,45 @@ int put_line(const char *path, const char *pattern, const std::string &text, int
 
 namespace kemo::sections {
 
+bool is_section(std::string_view line) noexcept
+{
+    return ::is_section(line);
+}
+
+bool matches_section(std::string_view line, std::string_view name) noexcept
+{
+    return ::matches_section(line, name);
+}
+
 bool line_matches(std::string_view line, std::string_view pattern, int flags)
 {
     return line_match(line, pattern, flags);
 }
 
-int get_section(const char *path, const char *name, PKLIBSZHASH *phash)
+int enum_sections(const char *path, PKLIBSZLIST *plist)
+{
+    std::string name;
+    if (kemo::for_each_line(path, [&](std::string_view line) {
+            if (!::is_section(line))
+                return 1;
+            // Header lines are read into a buffer of 1024 bytes.
+            if (line.size() > 1023)
+                return fail(-1, ERR_NOT_ENOUGH_MEMORY);
+            const std::string_view header = kemo::trimmed(line);
+            name.assign(header.substr(1, header.rfind(']') - 1));
+            return KLIBSzListPush(plist, name.c_str()) < 0 ? -1 : 1;
+        }) < 0)
+        return -1;
+    return (*plist)->nItem;
+}
+
+int get_section(const char *path, std::string_view name, PKLIBSZHASH *phash)
 {
     bool inside = false;
     std::string scratch;
     if (kemo::for_each_line(path, [&](std::string_view line) {
             if (!inside) {
-                inside = matches_section(line, name);
+                inside = ::matches_section(line, name);
                 return 1;
             }
             // Any line that begins with "[" ends the body.
@@ -218,7 +247,7 @@ int add_section(const char *path, const char *name, PKLIBSZHASH hash, const char
     std::string_view line;
     bool ended = true;
     while (reader.next(line)) {
-        if (matches_section(line, name))
+        if (::matches_section(line, name))
             return 0;
         ended = line.back() == '\n';
     }
@@ -241,8 +270,8 @@ int modify_section(const char *path, const char *name, const char *new_name, PKL
     const int result = kemo::rewrite_file(
         path,
         [&](std::string_view line, kemo::Twin &twin) {
-            if (is_section(line)) {
-                inside = matches_section(line, name);
+            if (::is_section(line)) {
+                inside = ::matches_section(line, name);
                 if (inside) {
                     found = true;
                     if (replace)
@@ -279,6 +308,42 @@ int set_section_key(const char *path, const char *section, const char *key, cons
     return modify_section(path, section, nullptr, hash.get(), true, format);
 }
 
+int get_line(const char *path, std::string_view pattern, char *buf, int size, int flags)
+{
+    std::optional<std::string> found;
+    if (kemo::for_each_line(path, [&](std::string_view line) {
+            if (!line_match(line, pattern, flags))
+                return 1;
+            found.emplace(line.substr(0, line.back() == '\n' ? line.size() - 1 : line.size()));
+            return (flags & KLIB_MATCH_LAST) != 0 ? 1 : 0;
+        }) < 0)
+        return -1;
+    if (!found)
+        return fail(0, ERR_KEY_NOT_FOUND);
+    const int needed = static_cast<int>(found->size()) + 1;
+    if (needed > size)
+        return fail(-1, ERR_NOT_ENOUGH_MEMORY);
+    std::memcpy(buf, found->c_str(), static_cast<std::size_t>(needed));
+    return needed;
+}
+
+int set_line(const char *path, const char *pattern, std::string_view line, int flags)
+{
+    if (!kemo::is_single_line(line) || kemo::is_directory(path))
+        return fail(-1, ERR_BAD_PARAMETERS);
+    // Changes of the default file system are traced on purpose.
+    if (std::strstr(pattern, "defaultfs") != nullptr) {
+        const std::string text(line);
+        KEMO_LOG("szKey=%s, szLine=%s", pattern, text.c_str());
+    }
+    return put_line(path, pattern, kemo::with_newline(line), flags, true);
+}
+
+int add_line(const char *path, const char *pattern, std::string_view line, int flags)
+{
+    return put_line(path, pattern, kemo::with_newline(line), flags, false);
+}
+
 } // namespace kemo::sections
 
 extern "C" {
@@ -287,44 +352,31 @@ KEMO_API int KLIBIFileIsSection(const char *line, int length)
 {
     if (line == nullptr || length < 0)
         return 0;
-    return is_section(std::string_view(line, static_cast<std::size_t>(length))) ? 1 : 0;
+    return kemo::sections::is_section(std::string_view(line, static_cast<std::size_t>(length))) ? 1 : 0;
 }
 
 KEMO_API int KLIBIFileMatchSection(const char *line, int length, const char *name)
 {
     if (line == nullptr || name == nullptr || length < 0)
         return fail(-1, ERR_BAD_PARAMETERS);
-    return matches_section(std::string_view(line, static_cast<std::size_t>(length)), name) ? 1 : 0;
+    return kemo::sections::matches_section(std::string_view(line, static_cast<std::size_t>(length)), name)
+               ? 1
+               : 0;
 }
 
 KEMO_API int KLIBILineMatch(const char *line, const char *pattern, int flags)
 {
     if (line == nullptr || pattern == nullptr || flags < 0)
         return 0;
-    return kemo::edge(0, [&] { return line_match(line, pattern, flags) ? 1 : 0; });
+    return kemo::edge(0, [&] { return kemo::sections::line_matches(line, pattern, flags) ? 1 : 0; });
 }
 
 KEMO_API int KLIBFileEnumSection(const char *path, PKLIBSZLIST *plist)
 {
     if (path == nullptr || plist == nullptr || *plist == nullptr)
         return fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        std::string name;
-        if (kemo::for_each_line(path, [&](std::string_view line) {
-                if (!is_section(line))
-                    return 1;
-                // Header lines are read into a buffer of 1024 bytes.
-                if (line.size() > 1023)
-                    return fail(-1, ERR_NOT_ENOUGH_MEMORY);
-                const std::string_view header = kemo::trimmed(line);
-                name.assign(header.substr(1, header.rfind(']') - 1));
-                return KLIBSzListPush(plist, name.c_str()) < 0 ? -1 : 1;
-            }) < 0)
-            return -1;
-        return (*plist)->nItem;
-    });
+    return kemo::edge(-1, [&] { return kemo::sections::enum_sections(path, plist); });
 }
-
 KEMO_API int KLIBFileGetSection(const char *path, const char *name, PKLIBSZHASH *phash)
 {
     if (path == nullptr || name == nullptr || phash == nullptr || *phash == nullptr)
@@ -388,34 +440,14 @@ KEMO_API int KLIBFileGetLine(const char *path, const char *pattern, char *buf, i
 {
     if (path == nullptr || pattern == nullptr || buf == nullptr || size < 1 || flags < 0)
         return fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        std::optional<std::string> found;
-        if (kemo::for_each_line(path, [&](std::string_view line) {
-                if (!line_match(line, pattern, flags))
-                    return 1;
-                found.emplace(line.substr(0, line.back() == '\n' ? line.size() - 1 : line.size()));
-                return (flags & KLIB_MATCH_LAST) != 0 ? 1 : 0;
-            }) < 0)
-            return -1;
-        if (!found)
-            return fail(0, ERR_KEY_NOT_FOUND);
-        const int needed = static_cast<int>(found->size()) + 1;
-        if (needed > size)
-            return fail(-1, ERR_NOT_ENOUGH_MEMORY);
-        std::memcpy(buf, found->c_str(), static_cast<std::size_t>(needed));
-        return needed;
-    });
+    return kemo::edge(-1, [&] { return kemo::sections::get_line(path, pattern, buf, size, flags); });
 }
 
 KEMO_API int KLIBFileSetLine(const char *path, const char *pattern, const char *line, int flags)
 {
-    if (path == nullptr || pattern == nullptr || line == nullptr || flags < 0 ||
-        !kemo::is_single_line(line) || kemo::is_directory(path))
+    if (path == nullptr || pattern == nullptr || line == nullptr || flags < 0)
         return fail(-1, ERR_BAD_PARAMETERS);
-    // Changes of the default file system are traced on purpose.
-    if (std::strstr(pattern, "defaultfs") != nullptr)
-        KEMO_LOG("szKey=%s, szLine=%s", pattern, line);
-    return kemo::edge(-1, [&] { return put_line(path, pattern, kemo::with_newline(line), flags, true); });
+    return kemo::edge(-1, [&] { return kemo::sections::set_line(path, pattern, line, flags); });
 }
 
 KEMO_API int KLIBFileAddLine(const char *path, const char *pattern, const char *line, int flags)
@@ -423,7 +455,7 @@ KEMO_API int KLIBFileAddLine(const char *path, const char *pattern, const char *
     if (path == nullptr || line == nullptr || flags < 0 || !kemo::is_single_line(line) ||
         kemo::is_directory(path))
         return fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] { return put_line(path, pattern, kemo::with_newline(line), flags, false); });
+    return kemo::edge(-1, [&] { return kemo::sections::add_line(path, pattern, line, flags); });
 }
 
 } // extern "C"

@@ -1,6 +1,8 @@
 // String utilities (trimming, tokenising, "key=value" splitting, colon and
 // hex encodings, in-buffer edits) and the validators of names and addresses.
+#include "kemostr.hpp"
 #include "kemo_internal.hpp"
+#include "kemounicode.hpp"
 
 #include <algorithm>
 #include <array>
@@ -26,7 +28,7 @@ int split(const char *str, const char *delimiters, PKLIBSZLIST *plist, bool keep
         int count = 0;
         while (cursor != nullptr) {
             char *token =
-                keep_empty ? strsep(&cursor, delimiters) : KLIBIStrTok(&cursor, delimiters);
+                keep_empty ? strsep(&cursor, delimiters) : kemo::strings::next_token(&cursor, delimiters);
             if (token == nullptr)
                 break;
             if (KLIBSzListPush(plist, token) < 0)
@@ -67,7 +69,7 @@ int insert_at_anchor(char *buf, int size, const char *anchor, const char *text, 
     if (hit == nullptr)
         return kemo::fail(-1, ERR_KEY_NOT_FOUND);
     const auto pos = hit - buf + (after ? static_cast<ptrdiff_t>(std::strlen(anchor)) : 0);
-    return KLIBStrInsert(buf, size, static_cast<int>(pos), text);
+    return kemo::strings::insert(buf, size, static_cast<int>(pos), text);
 }
 
 // Writes the encoding or decoding of src to dst (size + 1 bytes).
@@ -237,28 +239,173 @@ std::optional<std::pair<std::string_view, std::string_view>> split_slash(const c
 
 // The common rule of user, group and share names, at most limit UTF-8
 // characters.
-int is_account_name(const char *s, int limit)
+bool is_account_name(std::string_view name, int limit)
 {
-    if (s == nullptr)
-        return kemo::fail(0, ERR_BAD_PARAMETERS);
-    const std::string_view name(s);
     if (name.empty() || name.front() == ' ' || name.front() == '-' || name.back() == ' ')
-        return 0;
+        return false;
     bool ascii = true;
     for (const char ch : name) {
         const auto c = static_cast<unsigned char>(ch);
         if (c >= 128)
             ascii = false;
         else if (!is_letter(c) && !is_digit(c) && c != '.' && c != '-' && c != '_' && c != ' ')
-            return 0;
+            return false;
     }
     // Pure ASCII counts one character per byte; anything else must be
     // valid UTF-8 to be counted at all.
-    const int count = ascii ? static_cast<int>(name.size()) : KLIBUnicodeUTF8StrCountChar(s);
-    return count > 0 && count <= limit ? 1 : 0;
+    const int count = ascii ? static_cast<int>(name.size()) : kemo::unicode::count_chars(name);
+    return count > 0 && count <= limit;
 }
 
 } // namespace
+
+namespace kemo::strings {
+
+bool is_user_name(std::string_view name)
+{
+    return is_account_name(name, 64);
+}
+
+bool is_group_name(std::string_view name)
+{
+    return is_account_name(name, 15);
+}
+
+bool is_share_name(std::string_view name)
+{
+    return is_account_name(name, 32);
+}
+
+bool is_hostname(std::string_view name) noexcept
+{
+    if (name.empty() || name.size() > 15)
+        return false;
+    if (!is_letter(static_cast<unsigned char>(name[0])) && name[0] != '_')
+        return false;
+    for (const char ch : name.substr(1)) {
+        const auto c = static_cast<unsigned char>(ch);
+        if (!is_letter(c) && !is_digit(c) && c != '-' && c != '_')
+            return false;
+    }
+    return true;
+}
+
+bool is_workgroup_name(std::string_view name) noexcept
+{
+    constexpr std::string_view refused = "\"*+,/:;<=>?[\\]|";
+    if (name.empty() || name.front() == ' ' || name.back() == ' ')
+        return false;
+    for (const char ch : name) {
+        const auto c = static_cast<unsigned char>(ch);
+        if (c < 32 || c == 127 || refused.find(ch) != std::string_view::npos)
+            return false;
+    }
+    return true;
+}
+
+std::string encode_colon(std::string_view text)
+{
+    std::string out;
+    for (const char c : text) {
+        if (c == ':')
+            out += ";,";
+        else if (c == ';')
+            out += ";;";
+        else
+            out += c;
+    }
+    return out;
+}
+
+std::string decode_colon(std::string_view text)
+{
+    std::string out;
+    for (size_t i = 0; i < text.size(); ++i) {
+        if (text[i] == ';' && i + 1 < text.size() && (text[i + 1] == ',' || text[i + 1] == ';'))
+            out += text[++i] == ',' ? ':' : ';';
+        else
+            out += text[i];
+    }
+    return out;
+}
+
+char *next_token(char **cursor, const char *delimiters) noexcept
+{
+    while (*cursor != nullptr) {
+        char *token = strsep(cursor, delimiters);
+        if (*token != '\0')
+            return token;
+    }
+    return nullptr;
+}
+
+int insert(char *buf, int size, int pos, std::string_view text)
+{
+    const auto length = std::strlen(buf);
+    std::string out(buf, length);
+    out.insert(static_cast<size_t>(pos), text);
+    return store(buf, static_cast<size_t>(size), out);
+}
+
+int split_pair(const char *line, PKLIBSZLIST *plist)
+{
+    // The key is pushed even when the line has no "=".
+    const std::string_view text(line);
+    const auto eq = text.find('=');
+    const std::string key(kemo::trimmed(text.substr(0, eq)));
+    if (key.empty())
+        return kemo::fail(-1, ERR_BAD_PARAMETERS);
+    if (KLIBSzListPush(plist, key.c_str()) < 0)
+        return -1;
+    if (eq == std::string_view::npos)
+        return kemo::fail(-1, ERR_BAD_PARAMETERS);
+    const std::string value(kemo::trimmed(text.substr(eq + 1)));
+    return KLIBSzListPush(plist, value.c_str()) < 0 ? -1 : 0;
+}
+
+int to_hex(const char *src, char *dst, int size)
+{
+    std::string out;
+    for (const char ch : std::string_view(src)) {
+        const auto c = static_cast<unsigned char>(ch);
+        out += hex_digits[c >> 4];
+        out += hex_digits[c & 0x0F];
+    }
+    return store(dst, static_cast<size_t>(size), out);
+}
+
+int from_hex(const char *src, char *dst, int size)
+{
+    const std::string_view text(src);
+    if (text.size() % 2 != 0)
+        return kemo::fail(-1, ERR_BAD_PARAMETERS);
+    std::string out;
+    for (size_t i = 0; i < text.size(); i += 2) {
+        const int high = hex_value(text[i]);
+        const int low = hex_value(text[i + 1]);
+        if (high < 0 || low < 0)
+            return kemo::fail(-1, ERR_BAD_PARAMETERS);
+        out += static_cast<char>(high << 4 | low);
+    }
+    return store(dst, static_cast<size_t>(size), out);
+}
+
+int replace(char *buf, int size, int length, const char *from, const char *to)
+{
+    const std::string_view text(buf, static_cast<size_t>(length));
+    const std::string_view pattern(from);
+    std::string out;
+    size_t start = 0;
+    for (auto hit = text.find(pattern); hit != std::string_view::npos;
+         hit = text.find(pattern, start)) {
+        out.append(text.substr(start, hit - start)).append(to);
+        start = hit + pattern.size();
+    }
+    out.append(text.substr(start));
+    return store(buf, static_cast<size_t>(size), out);
+}
+
+} // namespace kemo::strings
 
 extern "C" {
 
@@ -278,12 +425,7 @@ KEMO_API char *KLIBIStrTok(char **cursor, const char *delimiters)
 {
     if (cursor == nullptr || delimiters == nullptr)
         return nullptr;
-    while (*cursor != nullptr) {
-        char *token = strsep(cursor, delimiters);
-        if (*token != '\0')
-            return token;
-    }
-    return nullptr;
+    return kemo::strings::next_token(cursor, delimiters);
 }
 
 KEMO_API int KLIBStrTok(const char *str, const char *delimiters, PKLIBSZLIST *plist)
@@ -300,69 +442,26 @@ KEMO_API int KLIBStrSepPair(const char *line, PKLIBSZLIST *plist)
 {
     if (line == nullptr || plist == nullptr || *plist == nullptr)
         return kemo::fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        // The key is pushed even when the line has no "=".
-        const std::string_view text(line);
-        const auto eq = text.find('=');
-        const std::string key(kemo::trimmed(text.substr(0, eq)));
-        if (key.empty())
-            return kemo::fail(-1, ERR_BAD_PARAMETERS);
-        if (KLIBSzListPush(plist, key.c_str()) < 0)
-            return -1;
-        if (eq == std::string_view::npos)
-            return kemo::fail(-1, ERR_BAD_PARAMETERS);
-        const std::string value(kemo::trimmed(text.substr(eq + 1)));
-        return KLIBSzListPush(plist, value.c_str()) < 0 ? -1 : 0;
-    });
+    return kemo::edge(-1, [&] { return kemo::strings::split_pair(line, plist); });
 }
 
 // ------------------------------------------------------------ encodings
 
 KEMO_API int KLIBStrEncodeColon(const char *src, char *dst, int size)
 {
-    return colon_code(src, dst, size, [](std::string_view text) {
-        std::string out;
-        for (const char c : text) {
-            if (c == ':')
-                out += ";,";
-            else if (c == ';')
-                out += ";;";
-            else
-                out += c;
-        }
-        return out;
-    });
+    return colon_code(src, dst, size, kemo::strings::encode_colon);
 }
 
-// A semicolon followed by neither "," nor ";" was not written by the
-// encoder; it is copied as it is.
 KEMO_API int KLIBStrDecodeColon(const char *src, char *dst, int size)
 {
-    return colon_code(src, dst, size, [](std::string_view text) {
-        std::string out;
-        for (size_t i = 0; i < text.size(); ++i) {
-            if (text[i] == ';' && i + 1 < text.size() && (text[i + 1] == ',' || text[i + 1] == ';'))
-                out += text[++i] == ',' ? ':' : ';';
-            else
-                out += text[i];
-        }
-        return out;
-    });
+    return colon_code(src, dst, size, kemo::strings::decode_colon);
 }
 
 KEMO_API int KLIBStringToHexCode(const char *src, char *dst, int size)
 {
     if (src == nullptr || dst == nullptr || size < 0)
         return kemo::fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        std::string out;
-        for (const char ch : std::string_view(src)) {
-            const auto c = static_cast<unsigned char>(ch);
-            out += hex_digits[c >> 4];
-            out += hex_digits[c & 0x0F];
-        }
-        return store(dst, static_cast<size_t>(size), out);
-    });
+    return kemo::edge(-1, [&] { return kemo::strings::to_hex(src, dst, size); });
 }
 
 // Accepts either letter case.  A "00" pair ends the string early; the
@@ -371,20 +470,7 @@ KEMO_API int KLIBStrHexCodeToString(const char *src, char *dst, int size)
 {
     if (src == nullptr || dst == nullptr || size < 0)
         return kemo::fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        const std::string_view text(src);
-        if (text.size() % 2 != 0)
-            return kemo::fail(-1, ERR_BAD_PARAMETERS);
-        std::string out;
-        for (size_t i = 0; i < text.size(); i += 2) {
-            const int high = hex_value(text[i]);
-            const int low = hex_value(text[i + 1]);
-            if (high < 0 || low < 0)
-                return kemo::fail(-1, ERR_BAD_PARAMETERS);
-            out += static_cast<char>(high << 4 | low);
-        }
-        return store(dst, static_cast<size_t>(size), out);
-    });
+    return kemo::edge(-1, [&] { return kemo::strings::from_hex(src, dst, size); });
 }
 
 // ------------------------------------------------------- in-buffer edits
@@ -406,19 +492,7 @@ KEMO_API int KLIBStrReplace(char *buf, int size, const char *from, const char *t
     const int length = buffer_length(buf, size);
     if (length < 0 || from == nullptr || *from == '\0' || to == nullptr)
         return kemo::fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        const std::string_view text(buf, static_cast<size_t>(length));
-        const std::string_view pattern(from);
-        std::string out;
-        size_t start = 0;
-        for (auto hit = text.find(pattern); hit != std::string_view::npos;
-             hit = text.find(pattern, start)) {
-            out.append(text.substr(start, hit - start)).append(to);
-            start = hit + pattern.size();
-        }
-        out.append(text.substr(start));
-        return store(buf, static_cast<size_t>(size), out);
-    });
+    return kemo::edge(-1, [&] { return kemo::strings::replace(buf, size, length, from, to); });
 }
 
 KEMO_API int KLIBStrInsert(char *buf, int size, int pos, const char *text)
@@ -426,11 +500,7 @@ KEMO_API int KLIBStrInsert(char *buf, int size, int pos, const char *text)
     const int length = buffer_length(buf, size);
     if (length < 0 || text == nullptr || pos < 0 || pos > length)
         return kemo::fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        std::string out(buf, static_cast<size_t>(length));
-        out.insert(static_cast<size_t>(pos), text);
-        return store(buf, static_cast<size_t>(size), out);
-    });
+    return kemo::edge(-1, [&] { return kemo::strings::insert(buf, size, pos, text); });
 }
 
 KEMO_API int KLIBStrInsertBefore(char *buf, int size, const char *anchor, const char *text)
@@ -581,48 +651,35 @@ KEMO_API int BlKLIBIsHostname(const char *s)
 {
     if (s == nullptr)
         return kemo::fail(0, ERR_BAD_PARAMETERS);
-    const std::string_view name(s);
-    if (name.empty() || name.size() > 15)
-        return 0;
-    if (!is_letter(static_cast<unsigned char>(name[0])) && name[0] != '_')
-        return 0;
-    for (const char ch : name.substr(1)) {
-        const auto c = static_cast<unsigned char>(ch);
-        if (!is_letter(c) && !is_digit(c) && c != '-' && c != '_')
-            return 0;
-    }
-    return 1;
+    return kemo::strings::is_hostname(s) ? 1 : 0;
 }
 
 KEMO_API int BlKLIBIsUserName(const char *s)
 {
-    return is_account_name(s, 64);
+    if (s == nullptr)
+        return kemo::fail(0, ERR_BAD_PARAMETERS);
+    return kemo::edge(0, [&] { return kemo::strings::is_user_name(s) ? 1 : 0; });
 }
 
 KEMO_API int BlKLIBIsGroupName(const char *s)
 {
-    return is_account_name(s, 15);
+    if (s == nullptr)
+        return kemo::fail(0, ERR_BAD_PARAMETERS);
+    return kemo::edge(0, [&] { return kemo::strings::is_group_name(s) ? 1 : 0; });
 }
 
 KEMO_API int BlKLIBIsShareName(const char *s)
 {
-    return is_account_name(s, 32);
+    if (s == nullptr)
+        return kemo::fail(0, ERR_BAD_PARAMETERS);
+    return kemo::edge(0, [&] { return kemo::strings::is_share_name(s) ? 1 : 0; });
 }
 
 KEMO_API int BlKLIBIsWorkGroupName(const char *s)
 {
     if (s == nullptr)
         return kemo::fail(0, ERR_BAD_PARAMETERS);
-    constexpr std::string_view refused = "\"*+,/:;<=>?[\\]|";
-    const std::string_view name(s);
-    if (name.empty() || name.front() == ' ' || name.back() == ' ')
-        return 0;
-    for (const char ch : name) {
-        const auto c = static_cast<unsigned char>(ch);
-        if (c < 32 || c == 127 || refused.find(ch) != std::string_view::npos)
-            return 0;
-    }
-    return 1;
+    return kemo::strings::is_workgroup_name(s) ? 1 : 0;
 }
 
 } // extern "C"

@@ -2,7 +2,9 @@
 // cached per code-page index, counting, cutting and upper-casing UTF-8 by
 // characters, case-insensitive comparison through a cached collator, and
 // the code-page settings of /etc/kemoinfo.conf.
+#include "kemounicode.hpp"
 #include "kemo_internal.hpp"
+#include "kemofile.hpp"
 
 #include <algorithm>
 #include <array>
@@ -270,6 +272,179 @@ const char *codepage_key(int kind)
 
 } // namespace
 
+namespace kemo::unicode {
+
+int case_compare(std::string_view a, std::string_view b)
+{
+    const auto ua = utf8_to_utf16(a);
+    const auto ub = utf8_to_utf16(b);
+    if (!ua || !ub)
+        return kemo::fail(-2, ERR_UNKNOWN);
+    const auto upper_a = to_upper(*ua);
+    const auto upper_b = to_upper(*ub);
+    if (!upper_a || !upper_b)
+        return kemo::fail(-2, ERR_UNKNOWN);
+    UCollator *collator = cached_collator();
+    if (collator == nullptr)
+        return -2;
+    switch (ucol_strcoll(collator, upper_a->data(), as_length(upper_a->size()), upper_b->data(),
+                         as_length(upper_b->size()))) {
+    case UCOL_LESS:
+        return -1;
+    case UCOL_GREATER:
+        return 1;
+    default:
+        return 0;
+    }
+}
+
+int count_chars(std::string_view s)
+{
+    const auto text = utf8_to_utf16(s);
+    if (!text)
+        return kemo::fail(-1, ERR_UNKNOWN);
+    return static_cast<int>(u_countChar32(text->data(), as_length(text->size())));
+}
+
+std::optional<std::string> upper(std::string_view s)
+{
+    const auto text = utf8_to_utf16(s);
+    const auto up = text ? to_upper(*text) : std::nullopt;
+    auto result = up ? utf16_to_utf8(*up) : std::nullopt;
+    return result ? result : kemo::fail(std::optional<std::string>(), ERR_UNKNOWN);
+}
+
+std::optional<std::size_t> prefix_bytes(std::string_view s, int n)
+{
+    if (s.size() > static_cast<std::size_t>(INT32_MAX))
+        return kemo::fail(std::optional<std::size_t>(), ERR_BAD_PARAMETERS);
+    const auto length = static_cast<int32_t>(s.size());
+    int32_t offset = 0;
+    for (int i = 0; i < n && offset < length; ++i) {
+        UChar32 c = 0;
+        U8_NEXT(s.data(), offset, length, c);
+        if (c < 0)
+            return kemo::fail(std::optional<std::size_t>(), ERR_UNKNOWN);
+    }
+    return static_cast<std::size_t>(offset);
+}
+
+int shorten(std::string_view src, int max_chars, std::string_view suffix, char *dst)
+{
+    const int count = count_chars(src);
+    if (count < 0)
+        return -1;
+    if (count <= max_chars)
+        return 0;
+    const auto kept = prefix_bytes(src, max_chars);
+    if (!kept) {
+        const std::string name(src);
+        KEMO_LOG("failed to shorten name = %s, errno=[%X]", name.c_str(), static_cast<unsigned>(KLIBErrGet()));
+        return -1;
+    }
+    // max_chars characters take at most 4 bytes each, so this fits.
+    std::memcpy(dst, src.data(), *kept);
+    std::memcpy(dst + *kept, suffix.data(), suffix.size());
+    dst[*kept + suffix.size()] = '\0';
+    return 1;
+}
+
+int get_codepage(int kind, int *index)
+{
+    const auto value = kemo::settings::get_value(kSettingsFile, codepage_key(kind));
+    if (!value)
+        return -1;
+    // A value too long for the 32-byte buffer it was once read into is not
+    // one of the table's.
+    if (value->size() >= 32)
+        return kemo::fail(-1, ERR_KEY_NOT_FOUND);
+    for (int i = 0; i < KLIB_CODEPAGE_COUNT; ++i) {
+        if (*value == rgszSysConfCPValues[i]) {
+            *index = i;
+            return 1;
+        }
+    }
+    return kemo::fail(-1, ERR_KEY_NOT_FOUND);
+}
+
+int set_codepage(int kind, int index)
+{
+    if (kemo::settings::set_value(kSettingsFile, codepage_key(kind), rgszSysConfCPValues[index],
+                                  "%s=\"%s\"\n") < 0)
+        return -1;
+    return 1;
+}
+
+bool is_double_byte()
+{
+    const auto value = kemo::settings::get_value(kSmbConf, "client code page");
+    if (!value)
+        return false;
+    if (value->size() >= 32)
+        return kemo::fail(false, ERR_NOT_ENOUGH_MEMORY);
+    for (const char *cp : {"932", "936", "949", "950"})
+        if (*value == cp)
+            return true;
+    return false;
+}
+
+// Text between the code page of index (0: none, the bytes are kept) and
+// UTF-8, in either direction, handed to the caller as deliver() does.
+static int convert(int index, std::string_view src, char *dst, int size, bool to_utf8)
+{
+    if (index == 0)
+        return deliver(std::string(src), dst, size);
+    UConverter *conv = cached_converter(index);
+    if (conv == nullptr)
+        return -1;
+    if (to_utf8) {
+        const auto text = codepage_to_utf16(conv, src);
+        return deliver(text ? utf16_to_utf8(*text) : std::nullopt, dst, size);
+    }
+    const auto text = utf8_to_utf16(src);
+    return deliver(text ? utf16_to_codepage(conv, *text) : std::nullopt, dst, size);
+}
+
+int codepage_to_utf8(int index, std::string_view src, char *dst, int size)
+{
+    return convert(index, src, dst, size, true);
+}
+
+int utf8_to_codepage(int index, std::string_view src, char *dst, int size)
+{
+    return convert(index, src, dst, size, false);
+}
+
+int utf16_upper(const uint16_t *src, int n, uint16_t **pdst)
+{
+    const auto *text = reinterpret_cast<const UChar *>(src);
+    const int32_t length = n < 0 ? u_strlen(text) : n;
+    // First attempt in a buffer of the input's size; grown once to what
+    // ICU reports when the mapping is longer.
+    int32_t capacity = length + 1;
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        auto *out = static_cast<UChar *>(std::malloc(static_cast<std::size_t>(capacity) * sizeof(UChar)));
+        if (out == nullptr)
+            return kemo::fail(-1, ERR_OUT_OF_MEMORY);
+        UErrorCode status = U_ZERO_ERROR;
+        const int32_t needed = u_strToUpper(out, capacity, text, length, g_cache.locale.c_str(), &status);
+        if (status == U_BUFFER_OVERFLOW_ERROR || status == U_STRING_NOT_TERMINATED_WARNING) {
+            std::free(out);
+            capacity = needed + 1;
+            continue;
+        }
+        if (U_FAILURE(status)) {
+            std::free(out);
+            return kemo::fail(-1, ERR_UNKNOWN);
+        }
+        *pdst = reinterpret_cast<uint16_t *>(out);
+        return static_cast<int>(needed);
+    }
+    return kemo::fail(-1, ERR_UNKNOWN);
+}
+
+} // namespace kemo::unicode
+
 extern "C" {
 
 const char *const rgszSysConfCPValues[KLIB_CODEPAGE_COUNT] = {
@@ -280,53 +455,23 @@ const char *const rgszSysConfCPValues[KLIB_CODEPAGE_COUNT] = {
 
 KEMO_API int KLIBUnicodeUTF8StrCaseCmp(const char *a, const char *b)
 {
-    return kemo::edge(-2, [&] {
-        if (a == nullptr || b == nullptr)
-            return kemo::fail(-2, ERR_BAD_PARAMETERS);
-        const auto ua = utf8_to_utf16(a);
-        const auto ub = utf8_to_utf16(b);
-        if (!ua || !ub)
-            return kemo::fail(-2, ERR_UNKNOWN);
-        const auto upper_a = to_upper(*ua);
-        const auto upper_b = to_upper(*ub);
-        if (!upper_a || !upper_b)
-            return kemo::fail(-2, ERR_UNKNOWN);
-        UCollator *collator = cached_collator();
-        if (collator == nullptr)
-            return -2;
-        switch (ucol_strcoll(collator, upper_a->data(), as_length(upper_a->size()), upper_b->data(),
-                             as_length(upper_b->size()))) {
-        case UCOL_LESS:
-            return -1;
-        case UCOL_GREATER:
-            return 1;
-        default:
-            return 0;
-        }
-    });
+    if (a == nullptr || b == nullptr)
+        return kemo::fail(-2, ERR_BAD_PARAMETERS);
+    return kemo::edge(-2, [&] { return kemo::unicode::case_compare(a, b); });
 }
 
 KEMO_API int KLIBUnicodeUTF8StrCountChar(const char *s)
 {
-    return kemo::edge(-1, [&] {
-        if (s == nullptr)
-            return kemo::fail(-1, ERR_BAD_PARAMETERS);
-        const auto text = utf8_to_utf16(s);
-        if (!text)
-            return kemo::fail(-1, ERR_UNKNOWN);
-        return static_cast<int>(u_countChar32(text->data(), as_length(text->size())));
-    });
+    if (s == nullptr)
+        return kemo::fail(-1, ERR_BAD_PARAMETERS);
+    return kemo::edge(-1, [&] { return kemo::unicode::count_chars(s); });
 }
 
 KEMO_API int KLIBUnicodeUTF8StrUpper(const char *src, char *dst, int size)
 {
-    return kemo::edge(-1, [&] {
-        if (bad_buffer(src, dst, size))
-            return kemo::fail(-1, ERR_BAD_PARAMETERS);
-        const auto text = utf8_to_utf16(src);
-        const auto upper = text ? to_upper(*text) : std::nullopt;
-        return deliver(upper ? utf16_to_utf8(*upper) : std::nullopt, dst, size);
-    });
+    if (bad_buffer(src, dst, size))
+        return kemo::fail(-1, ERR_BAD_PARAMETERS);
+    return kemo::edge(-1, [&] { return deliver(kemo::unicode::upper(src), dst, size); });
 }
 
 KEMO_API int KLIBUnicodeIUTF16StrUpper(const uint16_t *src, int n, uint16_t **pdst)
@@ -335,32 +480,7 @@ KEMO_API int KLIBUnicodeIUTF16StrUpper(const uint16_t *src, int n, uint16_t **pd
         *pdst = nullptr;
     if (src == nullptr || pdst == nullptr)
         return kemo::fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        const auto *text = reinterpret_cast<const UChar *>(src);
-        const int32_t length = n < 0 ? u_strlen(text) : n;
-        // First attempt in a buffer of the input's size; grown once to what
-        // ICU reports when the mapping is longer.
-        int32_t capacity = length + 1;
-        for (int attempt = 0; attempt < 2; ++attempt) {
-            auto *out = static_cast<UChar *>(std::malloc(static_cast<std::size_t>(capacity) * sizeof(UChar)));
-            if (out == nullptr)
-                return kemo::fail(-1, ERR_OUT_OF_MEMORY);
-            UErrorCode status = U_ZERO_ERROR;
-            const int32_t needed = u_strToUpper(out, capacity, text, length, g_cache.locale.c_str(), &status);
-            if (status == U_BUFFER_OVERFLOW_ERROR || status == U_STRING_NOT_TERMINATED_WARNING) {
-                std::free(out);
-                capacity = needed + 1;
-                continue;
-            }
-            if (U_FAILURE(status)) {
-                std::free(out);
-                return kemo::fail(-1, ERR_UNKNOWN);
-            }
-            *pdst = reinterpret_cast<uint16_t *>(out);
-            return static_cast<int>(needed);
-        }
-        return kemo::fail(-1, ERR_UNKNOWN);
-    });
+    return kemo::edge(-1, [&] { return kemo::unicode::utf16_upper(src, n, pdst); });
 }
 
 KEMO_API int KLIBUnicodeOpenCollator(void)
@@ -378,20 +498,7 @@ KEMO_API int KLIBUnicodeGetCodePage(int kind, int *index)
     const char *key = codepage_key(kind);
     if (key == nullptr || index == nullptr)
         return kemo::fail(-1, ERR_BAD_PARAMETERS);
-    char value[32];
-    if (KLIBFileGetKeyValue(kSettingsFile, key, value, sizeof value, 0) <= 0) {
-        // A value too long for the buffer is not one of the table's.
-        if (KLIBErrGet() == ERR_NOT_ENOUGH_MEMORY)
-            KLIBErrSet(ERR_KEY_NOT_FOUND);
-        return -1;
-    }
-    for (int i = 0; i < KLIB_CODEPAGE_COUNT; ++i) {
-        if (std::strcmp(rgszSysConfCPValues[i], value) == 0) {
-            *index = i;
-            return 1;
-        }
-    }
-    return kemo::fail(-1, ERR_KEY_NOT_FOUND);
+    return kemo::edge(-1, [&] { return kemo::unicode::get_codepage(kind, index); });
 }
 
 KEMO_API int KLIBUnicodeSetCodePage(int kind, int index)
@@ -399,9 +506,7 @@ KEMO_API int KLIBUnicodeSetCodePage(int kind, int index)
     if (index < 0 || index >= KLIB_CODEPAGE_COUNT ||
         (kind != KLIB_CP_KIND_SMB && kind != KLIB_CP_KIND_APPLE))
         return kemo::fail(-1, ERR_BAD_PARAMETERS);
-    if (KLIBFileSetKeyValue(kSettingsFile, codepage_key(kind), rgszSysConfCPValues[index], "%s=\"%s\"\n") < 0)
-        return -1;
-    return 1;
+    return kemo::edge(-1, [&] { return kemo::unicode::set_codepage(kind, index); });
 }
 
 KEMO_API struct UConverter *PuconvKLIBUnicodeIOpenConvertor(int index)
@@ -421,32 +526,16 @@ KEMO_API int KLIBUnicodeCloseConvertor(void)
 
 KEMO_API int KLIBUnicodeStrCPToUTF8(int index, const char *src, char *dst, int size)
 {
-    return kemo::edge(-1, [&] {
-        if (bad_buffer(src, dst, size))
-            return kemo::fail(-1, ERR_BAD_PARAMETERS);
-        if (index == 0)
-            return deliver(std::string(src), dst, size);
-        UConverter *conv = cached_converter(index);
-        if (conv == nullptr)
-            return -1;
-        const auto text = codepage_to_utf16(conv, src);
-        return deliver(text ? utf16_to_utf8(*text) : std::nullopt, dst, size);
-    });
+    if (bad_buffer(src, dst, size))
+        return kemo::fail(-1, ERR_BAD_PARAMETERS);
+    return kemo::edge(-1, [&] { return kemo::unicode::codepage_to_utf8(index, src, dst, size); });
 }
 
 KEMO_API int KLIBUnicodeStrUTF8ToCP(int index, const char *src, char *dst, int size)
 {
-    return kemo::edge(-1, [&] {
-        if (bad_buffer(src, dst, size))
-            return kemo::fail(-1, ERR_BAD_PARAMETERS);
-        if (index == 0)
-            return deliver(std::string(src), dst, size);
-        UConverter *conv = cached_converter(index);
-        if (conv == nullptr)
-            return -1;
-        const auto text = utf8_to_utf16(src);
-        return deliver(text ? utf16_to_codepage(conv, *text) : std::nullopt, dst, size);
-    });
+    if (bad_buffer(src, dst, size))
+        return kemo::fail(-1, ERR_BAD_PARAMETERS);
+    return kemo::edge(-1, [&] { return kemo::unicode::utf8_to_codepage(index, src, dst, size); });
 }
 
 KEMO_API int KLIBUnicodeStrUTF16ToUTF8(const uint16_t *src, char *dst, int size)
@@ -462,18 +551,10 @@ KEMO_API const char *SzKLIBUnicodeUTF8ForwardNChar(const char *s, int n)
 {
     if (s == nullptr || n < 0)
         return kemo::fail<const char *>(nullptr, ERR_BAD_PARAMETERS);
-    const std::size_t total = std::strlen(s);
-    if (total > static_cast<std::size_t>(INT32_MAX))
-        return kemo::fail<const char *>(nullptr, ERR_BAD_PARAMETERS);
-    const auto length = static_cast<int32_t>(total);
-    int32_t offset = 0;
-    for (int i = 0; i < n && offset < length; ++i) {
-        UChar32 c = 0;
-        U8_NEXT(s, offset, length, c);
-        if (c < 0)
-            return kemo::fail<const char *>(nullptr, ERR_UNKNOWN);
-    }
-    return s + offset;
+    return kemo::edge<const char *>(nullptr, [&]() -> const char * {
+        const auto bytes = kemo::unicode::prefix_bytes(s, n);
+        return bytes ? s + *bytes : nullptr;
+    });
 }
 
 KEMO_API int KLIBUnicodeUTF8ShortenStr(const char *src, int maxChars, const char *suffix, char *dst,
@@ -487,21 +568,7 @@ KEMO_API int KLIBUnicodeUTF8ShortenStr(const char *src, int maxChars, const char
         KEMO_LOG("buffer size %d is smaller than max_utf8_size %lld", size, needed);
         return kemo::fail(-1, ERR_BAD_PARAMETERS);
     }
-    const int count = KLIBUnicodeUTF8StrCountChar(src);
-    if (count < 0)
-        return -1;
-    if (count <= maxChars)
-        return 0;
-    const char *cut = SzKLIBUnicodeUTF8ForwardNChar(src, maxChars);
-    if (cut == nullptr) {
-        KEMO_LOG("failed to shorten name = %s, errno=[%X]", src, static_cast<unsigned>(KLIBErrGet()));
-        return -1;
-    }
-    // maxChars characters take at most 4 bytes each, so this fits.
-    const auto kept = static_cast<std::size_t>(cut - src);
-    std::memcpy(dst, src, kept);
-    std::memcpy(dst + kept, suffix, suffix_length + 1);
-    return 1;
+    return kemo::edge(-1, [&] { return kemo::unicode::shorten(src, maxChars, suffix, dst); });
 }
 
 KEMO_API int KLIBUnicodeIGetLocale(int force, const char **name)
@@ -535,13 +602,7 @@ KEMO_API int KLIBUnicodeReInitLocale(void)
 
 KEMO_API int BlKLIBIsDByte(void)
 {
-    char value[32];
-    if (KLIBFileGetKeyValue(kSmbConf, "client code page", value, sizeof value, 0) <= 0)
-        return 0;
-    for (const char *cp : {"932", "936", "949", "950"})
-        if (std::strcmp(value, cp) == 0)
-            return 1;
-    return 0;
+    return kemo::edge(0, [&] { return kemo::unicode::is_double_byte() ? 1 : 0; });
 }
 
 } // extern "C"
