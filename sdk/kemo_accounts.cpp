@@ -2,6 +2,8 @@
 // access, the multi-file transaction with its commit record, and the member
 // list rewrite.
 #include "kemo_accounts.hpp"
+#include "kemounicode.hpp"
+#include "kemofile.hpp"
 
 #include "kemo_io.hpp"
 #include "kemo_records.hpp"
@@ -141,15 +143,7 @@ std::optional<std::string> upper(std::string_view name)
                 c = static_cast<char>(c - 'a' + 'A');
         return out;
     }
-    const std::string text(name);
-    const int length = KLIBUnicodeUTF8StrUpper(text.c_str(), nullptr, 0);
-    if (length < 0)
-        return std::nullopt;
-    std::string out(static_cast<std::size_t>(length) + 1, '\0');
-    if (KLIBUnicodeUTF8StrUpper(text.c_str(), out.data(), length + 1) != length)
-        return std::nullopt;
-    out.resize(static_cast<std::size_t>(length));
-    return out;
+    return kemo::unicode::upper(name);
 }
 
 bool same_name(std::string_view a, std::string_view b)
@@ -220,9 +214,7 @@ std::vector<std::string_view> split(std::string_view text, char separator)
 
 std::string setting(const char *path, const char *key)
 {
-    char value[256];
-    return KLIBFileGetKeyValue(path, key, value, sizeof value, 0) > 0 ? std::string(value)
-                                                                      : std::string();
+    return kemo::settings::get_value(path, key).value_or(std::string());
 }
 
 bool guest_support()

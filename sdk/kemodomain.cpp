@@ -8,6 +8,7 @@
 //   domain_group         one group per line
 //   domain_group_member  one line per group: group = "member,member"
 #include "kemo_accounts.hpp"
+#include "kemosection.hpp"
 #include "kemo_domain.hpp"
 #include "kemo_share.hpp"
 #include "kemo_io.hpp"
@@ -306,7 +307,7 @@ int push_share_users(PKLIBSZLIST *list)
         if (!hash)
             return -1;
         PKLIBSZHASH raw = hash.release();
-        const int pairs = KLIBFileGetSection(kSmbConf, share.c_str(), &raw);
+        const int pairs = kemo::sections::get_section(kSmbConf, share, &raw);
         hash.reset(raw);
         if (pairs < 0)
             return -1;

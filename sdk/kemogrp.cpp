@@ -3,6 +3,7 @@
 // lists, descriptions, and the creation parameter parser.  Changes are in
 // kemogrp_set.cpp, the gid allocator in kemogrp_gid.cpp.
 #include "kemogrp_internal.hpp"
+#include "kemostr.hpp"
 
 #include <charconv>
 #include <climits>
@@ -178,6 +179,11 @@ PKLIBGROUP local_record(const char *name)
 
 } // namespace
 
+PKLIBGROUP local_group_record(const char *name)
+{
+    return local_record(name);
+}
+
 // A local group's record, or a domain group's (gid -1: the domain lists
 // hold names and members only).
 PKLIBGROUP group_record(const char *name)
@@ -263,16 +269,7 @@ int get_desc(const char *name, char *out, int size, int *needed)
     const auto fields = acc::split(stored, ':');
     if (fields.size() != 2)
         return fail(-1, ERR_FORMAT_ERROR);
-    const std::string encoded(fields[1]);
-    std::string text(encoded.size() + 1, '\0');
-    const int length =
-        KLIBStrDecodeColon(encoded.c_str(), text.data(), static_cast<int>(encoded.size()));
-    if (length < 0) {
-        KEMO_LOG("%d: KLIBStrDecodeColon failed.(%X)", __LINE__, KLIBErrGet());
-        text = encoded;
-    } else {
-        text.resize(static_cast<std::size_t>(length));
-    }
+    const std::string text = kemo::strings::decode_colon(fields[1]);
     if (!lock.release())
         return -1;
     *needed = static_cast<int>(text.size() + 1);

@@ -165,6 +165,8 @@ int take_gid(acc::Lines &file);
 // fails like its public function (error code set).
 // KLIBGetGrNam: the static record of a local or domain group, or null.
 PKLIBGROUP group_record(const char *name);
+// A local group's record only (as PgrpKLIBGetLocalGrNam).
+PKLIBGROUP local_group_record(const char *name);
 // KEMOGroupGet: the group's name and members in the two-call layout.
 int get_group(int flags, const char *name, char **out, int size, int *needed);
 // KEMOGroupGetDesc: the group's description (0 size query, 1 copied).

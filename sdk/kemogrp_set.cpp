@@ -2,6 +2,7 @@
 // over to the share lists and descriptions, deletion, and descriptions.
 // Each change is one account transaction.
 #include "kemogrp_internal.hpp"
+#include "kemostr.hpp"
 
 #include <cstring>
 #include <unordered_map>
@@ -64,7 +65,7 @@ int set_group(const char *old_name, const char *const *request)
         return fail(-1, ERR_LOCK_FAILED);
     }
     const auto key = acc::upper(name);
-    if (!BlKLIBIsGroupName(name.c_str()) || !key) {
+    if (!kemo::strings::is_group_name(name) || !key) {
         KEMO_LOG(
             "kemogrp: KEMOGroupSet(): BlKLIBIsGroupName(szNewName) failed\t\t\t   szNewName=%s",
             name.c_str());
@@ -224,14 +225,7 @@ int set_desc(const char *name, const char *desc)
     const auto key = acc::upper(name);
     if (!key)
         return fail(-1, ERR_BAD_PARAMETERS);
-    const std::size_t length = std::strlen(desc);
-    std::string encoded(2 * length + 1, '\0');
-    const int written = KLIBStrEncodeColon(desc, encoded.data(), static_cast<int>(2 * length));
-    if (written < 0) {
-        KEMO_LOG("(%d) KLIBStrEncodeColon failed\n", __LINE__);
-        return -1;
-    }
-    encoded.resize(static_cast<std::size_t>(written));
+    const std::string encoded = kemo::strings::encode_colon(desc);
 
     auto lock = acc::account_lock(kGroupDescWriteLock, acc::kGroupDescUnlock);
     if (!lock.held())

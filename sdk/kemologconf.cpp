@@ -1,6 +1,7 @@
 // The event logs' configuration file /etc/kemolog.conf: the file and the
 // size limit of each log class, and size changes that shrink a log.
 #include "kemo_io.hpp"
+#include "kemofile.hpp"
 #include "kemo_log.hpp"
 
 #include <sys/stat.h>
@@ -20,11 +21,10 @@ namespace {
 // are read.
 std::optional<std::string> conf_value(const char *key, int room)
 {
-    std::string buf(static_cast<std::size_t>(room), '\0');
-    if (KLIBFileGetKeyValue(kConf, key, buf.data(), room, 0) <= 0)
+    auto value = kemo::settings::get_value(kConf, key);
+    if (!value || value->size() + 1 > static_cast<std::size_t>(room))
         return std::nullopt;
-    buf.resize(std::strlen(buf.c_str()));
-    return buf;
+    return value;
 }
 
 } // namespace
@@ -85,7 +85,7 @@ int set_size(int size, const LogClass &c, int log_class)
         KEMO_LOG("logconf file created error while set size coz the logconf not exist!");
         return -1;
     }
-    if (KLIBFileSetKeyValue(kConf, c.size_key, std::to_string(size).c_str(), "%s=\t\"%s\"\n") < 0) {
+    if (kemo::settings::set_value(kConf, c.size_key, std::to_string(size), "%s=\t\"%s\"\n") < 0) {
         KEMO_LOG("error occured in setkeyvalue in %s.", kConf);
         return -1;
     }

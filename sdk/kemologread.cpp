@@ -3,6 +3,7 @@
 // fresh file.  Every walk over records is bounded by the file's size and
 // moves forward by at least two bytes a step.
 #include "kemo_conn.hpp"
+#include "kemofile.hpp"
 #include "kemo_io.hpp"
 #include "kemo_log.hpp"
 
@@ -192,7 +193,7 @@ int compact(int drop, const char *path)
     // The new log replaces the old one whole (owner and mode kept) while
     // the old one's lock is held; a failure leaves the old log in place.
     char twin_path[4096];
-    if (KLIBFileITmpName((std::string(path) + ".").c_str(), twin_path, sizeof twin_path) != 0)
+    if (kemo::settings::temp_name(std::string(path) + ".", twin_path, sizeof twin_path) != 0)
         return -1;
     kemo::Twin twin(path, twin_path);
     if (!twin.open() || !twin.write(fresh) || !twin.commit()) {

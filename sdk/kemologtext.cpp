@@ -2,6 +2,7 @@
 // the reader's language (cached process-wide), type names, times, and the
 // text line of one record.
 #include "kemo_io.hpp"
+#include "kemosection.hpp"
 #include "kemo_log.hpp"
 
 #include <algorithm>
@@ -67,7 +68,7 @@ const char *event_text(uint32_t event_id, std::string_view language)
     if (!loaded)
         return nullptr;
     PKLIBSZHASH raw = loaded.release();
-    const int pairs = KLIBFileGetSection(path.c_str(), section.c_str(), &raw);
+    const int pairs = kemo::sections::get_section(path.c_str(), section, &raw);
     loaded.reset(raw);
     if (pairs <= 0) {
         KEMO_LOG("section %s not found in %s", section.c_str(), path.c_str());
@@ -123,7 +124,7 @@ std::string type_name(int type, std::string_view language)
     if (!names)
         return name;
     PKLIBSZHASH raw = names.release();
-    KLIBFileGetSection(events_path(language).c_str(), kTypeSection, &raw);
+    kemo::sections::get_section(events_path(language).c_str(), kTypeSection, &raw);
     names.reset(raw);
     if (const char *value = SzKLIBSzHashGetValue(raw, type_key(type).c_str()))
         name = value;

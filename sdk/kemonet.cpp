@@ -2,6 +2,8 @@
 // /etc/kemoinfo.conf, /etc/hostname and the kernel), and switching the file
 // and network services and the web service through their control scripts.
 #include "kemo_internal.hpp"
+#include "kemostr.hpp"
+#include "kemofile.hpp"
 #include "kemo_io.hpp"
 #include "kemo_net.hpp"
 #include "kemomisc.hpp"
@@ -46,12 +48,8 @@ namespace kemo::net {
 
 int hostname(std::string &name)
 {
-    const int needed = KLIBFileGetKeyValue(kSettings, "hostname", nullptr, 0, 0);
-    if (needed > 0) {
-        name.assign(static_cast<std::size_t>(needed), '\0');
-        if (KLIBFileGetKeyValue(kSettings, "hostname", name.data(), needed, 0) != needed)
-            return -1;
-        name.resize(static_cast<std::size_t>(needed - 1));
+    if (auto stored = kemo::settings::get_value(kSettings, "hostname")) {
+        name = std::move(*stored);
         return 0;
     }
     // No setting yet: the kernel's name.
@@ -76,7 +74,7 @@ int set_hostname(const char *name)
         KEMO_LOG("sethostname(%s) failed, errno = %d", name, errno);
         return fail(-1, ERR_OP_FAILURE);
     }
-    if (KLIBFileSetKeyValue(kSettings, "hostname", name, kQuotedPair) < 0 ||
+    if (kemo::settings::set_value(kSettings, "hostname", name, kQuotedPair) < 0 ||
         !kemo::create_file(kHostnameFile, std::string(name) + "\n")) {
         KEMO_LOG("fail to store host name %s (%X)", name, KLIBErrGet());
         if (had_name && ::sethostname(old_name, std::strlen(old_name)) != 0)
@@ -97,7 +95,7 @@ int web_service(bool on)
         kemo::ConfigLock lock(KLIB_LOCK_KEMOINFO | KLIB_LOCK_EX);
         if (!lock.held())
             return fail(-1, ERR_LOCK_FAILED);
-        if (KLIBFileSetKeyValue(kSettings, "runweb", on ? "yes" : "no", kQuotedPair) < 0)
+        if (kemo::settings::set_value(kSettings, "runweb", on ? "yes" : "no", kQuotedPair) < 0)
             return -1;
     }
     return run_script(kWebScript, on ? "start" : "stop");
@@ -129,7 +127,7 @@ KEMO_API int KEMOLnxSetHostname(const char *name)
 {
     if (name == nullptr)
         return fail(-1, ERR_BAD_PARAMETERS);
-    if (!BlKLIBIsHostname(name))
+    if (!kemo::strings::is_hostname(name))
         return fail(-1, ERR_INVALID_SERVERNAME);
     return kemo::edge(-1, [&] { return kemo::net::set_hostname(name); });
 }

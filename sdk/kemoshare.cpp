@@ -2,6 +2,9 @@
 // share records, share lists and access-list answers.  Writing shares is
 // done elsewhere; everything here only reads /usr/kemo/etc/smb.conf.
 #include "kemo_accounts.hpp"
+#include "kemounicode.hpp"
+#include "kemosection.hpp"
+#include "kemogrp_internal.hpp"
 #include "kemo_domain.hpp"
 #include "kemo_share.hpp"
 #include "kemo_io.hpp"
@@ -86,7 +89,7 @@ std::optional<Section> read_section(const char *name)
     if (!hash)
         return std::nullopt;
     PKLIBSZHASH raw = hash.release();
-    const int pairs = KLIBFileGetSection(kSmbConf, name, &raw);
+    const int pairs = kemo::sections::get_section(kSmbConf, name, &raw);
     hash.reset(raw);
     if (pairs < 0)
         return std::nullopt;
@@ -113,7 +116,7 @@ std::optional<std::vector<std::string>> share_names(int kinds)
     if (!list)
         return std::nullopt;
     PKLIBSZLIST raw = list.release();
-    const int count = KLIBFileEnumSection(kSmbConf, &raw);
+    const int count = kemo::sections::enum_sections(kSmbConf, &raw);
     list.reset(raw);
     if (count < 0)
         return std::nullopt;
@@ -290,11 +293,11 @@ bool in_group(const std::string &user, bool user_domain, const std::string &grou
         const auto gid = local_primary_gid(user);
         return gid && (*gid == 100 || *gid == 0);
     }
-    const KLIBGROUP *entry = PgrpKLIBGetLocalGrNam(group.c_str());
+    const KLIBGROUP *entry = kemo::groups::local_group_record(group.c_str());
     if (entry == nullptr || entry->gr_mem == nullptr)
         return false;
     for (char **member = entry->gr_mem; *member != nullptr; ++member)
-        if (KLIBUnicodeUTF8StrCaseCmp(*member, user.c_str()) == 0)
+        if (kemo::unicode::case_compare(*member, user) == 0)
             return true;
     return false;
 }

@@ -13,6 +13,8 @@
 // share and must lie on a data volume, and the system's own groups are
 // never redefined by a restore.
 #include "kemo_accounts.hpp"
+#include "kemosection.hpp"
+#include "kemostr.hpp"
 #include "kemo_share.hpp"
 #include "kemogrp_internal.hpp"
 #include "kemo_io.hpp"
@@ -166,7 +168,7 @@ int import_users(int fd, int apply)
         u.nt = in.text();
         u.expire = static_cast<int32_t>(in.number());
         u.email = in.text();
-        if (in.ok && BlKLIBIsUserName(u.name.c_str()) != 1)
+        if (in.ok && !kemo::strings::is_user_name(u.name))
             in.refuse("user name", u.name, kUserNotRestored);
         if (!in.ok)
             break;
@@ -238,9 +240,8 @@ int export_groups(int fd)
         // "users" holds every user by its gid; "administrators" is a system
         // group, not enumerated, whose members the administrator chooses.
         std::erase_if(*names, [](const std::string &n) { return acc::equal_nocase(n, "users"); });
-        if (PgrpKLIBGetLocalGrNam("administrators") != nullptr)
+        if (kemo::groups::local_group_record("administrators") != nullptr)
             names->insert(names->begin(), "administrators");
-        KLIBEndGrEnt();
         std::vector<StoredGroup> groups;
         for (const std::string &name : *names) {
             auto group = read_group(name);
@@ -297,8 +298,7 @@ bool restore_group(const StoredGroup &g, GroupRestore what)
     for (const std::string &member : g.members)
         record.push_back(member.c_str());
     record.push_back(nullptr);
-    const bool present = PgrpKLIBGetLocalGrNam(g.name.c_str()) != nullptr;
-    KLIBEndGrEnt();
+    const bool present = kemo::groups::local_group_record(g.name.c_str()) != nullptr;
     if (kemo::groups::set_group(present ? g.name.c_str() : nullptr, record.data()) != 0)
         return false;
     if (what != GroupRestore::whole || g.desc.empty())
@@ -318,7 +318,7 @@ int import_groups(int fd, int apply)
         g.members.resize(static_cast<std::size_t>(in.count()));
         for (std::string &member : g.members)
             member = in.text();
-        if (in.ok && (BlKLIBIsGroupName(g.name.c_str()) != 1 || has_line_break(g.desc)))
+        if (in.ok && (!kemo::strings::is_group_name(g.name) || has_line_break(g.desc)))
             in.refuse("group", g.name, kGroupNotRestored);
         if (!in.ok)
             break;
@@ -408,7 +408,7 @@ bool on_a_volume(std::string_view path)
 // outside the data volumes.
 std::optional<StoredShare> restorable(const StoredShare &share)
 {
-    if (BlKLIBIsShareName(share.name.c_str()) != 1 || reserved_share_name(share.name))
+    if (!kemo::strings::is_share_name(share.name) || reserved_share_name(share.name))
         return std::nullopt;
     StoredShare kept{share.name, {}};
     for (const auto &line : share.lines) {
@@ -444,7 +444,7 @@ bool read_shares(std::vector<StoredShare> &out)
         return false;
     StoredShare *current = nullptr;
     for (const std::string &line : conf.lines) {
-        if (KLIBIFileIsSection(line.c_str(), static_cast<int>(line.size())) == 1) {
+        if (kemo::sections::is_section(line)) {
             const auto close = line.find(']');
             const std::string name = line.substr(1, close - 1);
             const bool wanted = !acc::equal_nocase(name, "global") &&
@@ -500,7 +500,7 @@ std::string merged_conf(const acc::Lines &conf, const std::vector<StoredShare> &
     std::string out;
     bool skipping = false;
     for (const std::string &line : conf.lines) {
-        if (KLIBIFileIsSection(line.c_str(), static_cast<int>(line.size())) == 1) {
+        if (kemo::sections::is_section(line)) {
             const std::string name = line.substr(1, line.find(']') - 1);
             skipping = false;
             for (std::size_t i = 0; i < shares.size(); ++i) {

@@ -2,6 +2,8 @@
 // web switch (the models of every section), and the sections made of keys
 // of /etc/kemoinfo.conf, each with its fixed key list.
 #include "kemo_accounts.hpp"
+#include "kemostr.hpp"
+#include "kemofile.hpp"
 #include "kemo_io.hpp"
 #include "kemo_net.hpp"
 #include "kemo_sysbackup.hpp"
@@ -44,34 +46,26 @@ struct HashHolder {
 bool read_setting(const char *path, const char *key, std::optional<std::string> &value)
 {
     value.reset();
-    const int needed = KLIBFileGetKeyValue(path, key, nullptr, 0, 0);
-    if (needed < 0)
-        return false;
-    if (needed == 0) {
-        const int line = KLIBFileGetLineByKey(path, key, nullptr, 0, 0);
-        if (line < 0)
-            return false;
-        if (line > 0)
-            value.emplace();
-        return true;
-    }
-    std::string text(static_cast<std::size_t>(needed), '\0');
-    if (KLIBFileGetKeyValue(path, key, text.data(), needed, 0) != needed)
-        return false;
-    text.resize(static_cast<std::size_t>(needed - 1));
-    value = std::move(text);
-    return true;
+    const int found = kemo::settings::find_key(path, key, 0, false, value);
+    if (found != 0)
+        return found > 0;
+    // No value: the key's line may still be there, with nothing after "=".
+    std::optional<std::string> line;
+    const int listed = kemo::settings::find_key(path, key, 0, true, line);
+    if (listed > 0)
+        value.emplace();
+    return listed >= 0;
 }
+
+using kemo::accounts::equal_nocase;
 
 // True when the model's defaults say "yes" (in any letter case) for key.
 bool supported(const char *key)
 {
-    char value[16] = "";
-    return KLIBFileGetKeyValue(kDefaults, key, value, sizeof value, 0) > 0 &&
-           ::strcasecmp(value, "yes") == 0;
+    const auto value = kemo::settings::get_value(kDefaults, key);
+    return value && equal_nocase(*value, "yes");
 }
 
-using kemo::accounts::equal_nocase;
 
 // ------------------------------------------------------------ sections
 
@@ -260,7 +254,7 @@ bool store_settings(const char *fn, const std::vector<std::pair<std::string, std
         BKP_LOG(fn, "lock file failed");
         return false;
     }
-    if (ErrKLIBFileSetPair(kSettings, holder.hash, kQuotedPair) < 0) {
+    if (kemo::settings::set_pairs(kSettings, holder.hash, kQuotedPair) < 0) {
         BKP_LOG(fn, "fail to set keys in %s (%X)", kSettings, KLIBErrGet());
         return false;
     }
@@ -337,7 +331,7 @@ bool import_settings_body(const char *fn, int fd, uint32_t version, int apply,
             return false;
         }
         if (section.id == kWindows.id && key == "workgroup" &&
-            !BlKLIBIsWorkGroupName(value.c_str())) {
+            !kemo::strings::is_workgroup_name(value)) {
             BKP_LOG(fn, "invalid workgroup [%s]", value.c_str());
             return false;
         }
@@ -395,7 +389,7 @@ bool import_hostname_body(const char *fn, int fd, uint32_t version, int apply)
         BKP_LOG(fn, "fail to read hostname");
         return false;
     }
-    if (!BlKLIBIsHostname(name.c_str())) {
+    if (!kemo::strings::is_hostname(name)) {
         BKP_LOG(fn, "invalid host name [%s]", name.c_str());
         return false;
     }

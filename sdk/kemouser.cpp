@@ -5,6 +5,8 @@
 // its mail address in /etc/mail; the changes are in kemouser_set.cpp and
 // kemouser_delete.cpp.
 #include "kemouser_internal.hpp"
+#include "kemounicode.hpp"
+#include "kemostr.hpp"
 
 #include <pwd.h>
 
@@ -43,7 +45,7 @@ bool name_length_ok(const char *name)
 {
     if (name == nullptr || *name == '\0')
         return false;
-    const int chars = KLIBUnicodeUTF8StrCountChar(name);
+    const int chars = kemo::unicode::count_chars(name);
     return chars > 0 && chars <= kMaxNameChars;
 }
 
@@ -147,12 +149,7 @@ bool stored_users(std::vector<StoredUser> &out)
         StoredUser user;
         user.name = pw->name;
         user.uid = pw->uid;
-        const std::string encoded(pw->gecos);
-        user.desc.assign(encoded.size() + 1, '\0');
-        if (KLIBStrDecodeColon(encoded.c_str(), user.desc.data(), static_cast<int>(encoded.size())) < 0)
-            user.desc = encoded;
-        else
-            user.desc.resize(std::strlen(user.desc.c_str()));
+        user.desc = kemo::strings::decode_colon(pw->gecos);
         const std::string key = key_of(user.name);
         if (const auto it = shadows.find(key); it != shadows.end()) {
             if (const auto sh = records::parse_shadow(it->second)) {
@@ -210,13 +207,8 @@ int user_record(const char *name, PKEMOUSER out, int size, int *needed)
     };
     out->szName = put(stored_name);
     out->szPasswd = put(hash);
-    out->szDesc = text;
-    if (KLIBStrDecodeColon(stored_desc.c_str(), text, static_cast<int>(stored_desc.size())) < 0) {
-        KEMO_LOG("KLIBStrDecodeColon failed.(%X)", static_cast<unsigned>(KLIBErrGet()));
-        put(stored_desc);
-    } else {
-        text += std::strlen(text) + 1;
-    }
+    // Decoding only shortens the text: it fits where the stored one was counted.
+    out->szDesc = put(kemo::strings::decode_colon(stored_desc));
     out->expire = static_cast<int32_t>(std::clamp<long>(expire, 0, INT32_MAX));
     out->szEmail = put(mail);
     return 1;

@@ -2,6 +2,7 @@
 // passwords (salted from the clock and the kernel's random source), and the
 // file-sharing hashes in their line of the SMB password file.
 #include "kemouser_internal.hpp"
+#include "kemostr.hpp"
 #include "kemo_passwd.hpp"
 
 #include <sys/random.h>
@@ -77,11 +78,7 @@ std::string encoded_desc(const char *desc)
 {
     if (desc == nullptr || *desc == '\0')
         return {};
-    const int size = 2 * static_cast<int>(std::strlen(desc));
-    std::string out(static_cast<std::size_t>(size) + 1, '\0');
-    const int length = KLIBStrEncodeColon(desc, out.data(), size);
-    out.resize(length < 0 ? 0 : static_cast<std::size_t>(length));
-    return out;
+    return kemo::strings::encode_colon(desc);
 }
 
 int salt_char(int n) noexcept

@@ -4,6 +4,8 @@
 // member and access lists and the web password.  A configuration backup
 // restores its users through the same batch.
 #include "kemouser_internal.hpp"
+#include "kemofile.hpp"
+#include "kemostr.hpp"
 
 #include <pwd.h>
 
@@ -111,7 +113,7 @@ bool stage_uid_counter(Transaction &txn, int uid)
     Lines out;
     out.final_newline = file.final_newline;
     for (const std::string &old : file.lines) {
-        if (KLIBILineKeyMatch(old.c_str(), "UID") != 1)
+        if (!kemo::settings::key_matches(old, "UID"))
             out.lines.push_back(old);
         else if (!placed)
             out.lines.push_back(line), placed = true;
@@ -242,7 +244,7 @@ int UserBatch::classify()
         if (u.szName == nullptr || *u.szName == '\0')
             continue;
         any = true;
-        if (BlKLIBIsUserName(u.szName) != 1) {
+        if (!kemo::strings::is_user_name(u.szName)) {
             KEMO_LOG("kemouser: KEMOUserSet(): Bad parameter; [i] = [%d], type = [%d], szName = [%s]",
                      i, u.type, u.szName);
             record(Fault::invalid, u.szName);
