@@ -77,7 +77,7 @@ std::vector<const char *> exec_args(std::span<const char *const> argv)
         if (null > STDERR_FILENO)
             ::close(null);
     }
-    ErrKLIBFileCloseLock();
+    kemo::locks::close_all();
     ::setsid();
     if (::chdir("/") != 0) {
         // Nothing better to do: the program runs where we are.
