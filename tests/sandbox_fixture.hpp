@@ -24,6 +24,7 @@
 #include <string_view>
 #include <vector>
 
+#include "kemo.h"
 #include "kemo_sandbox.hpp"
 
 class SandboxTest : public ::testing::Test {
@@ -59,6 +60,18 @@ inline std::vector<std::string> lines_of(const std::string &path) {
 inline void write_file(const std::string &path, std::string_view content, mode_t mode = 0644) {
     std::string why;
     if (!kemo::sandbox::place(path, content, mode, &why)) ADD_FAILURE() << why;
+}
+
+// Checks a refused write: result -1 with ERR_BAD_PARAMETERS, and the file
+// at path still holding `before`.
+//   const auto refused = refusal_check(path, before);
+//   refused(KLIBFileSetKeyValue(...), "what was tried");
+inline auto refusal_check(std::string path, std::string before) {
+    return [path = std::move(path), before = std::move(before)](int result, const std::string &what) {
+        EXPECT_EQ(result, -1) << what;
+        EXPECT_EQ(KLIBErrGet(), ERR_BAD_PARAMETERS) << what;
+        EXPECT_EQ(read_file(path), before) << what;
+    };
 }
 
 // True when something (also a dangling symbolic link) is at `path`.

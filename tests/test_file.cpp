@@ -378,11 +378,7 @@ TEST_F(KeyFile, LineBreaksInKeysAndValuesAreRefused)
     const std::string before = "# settings\nk=v\nlast=x\n";
     write_file(path, before);
     const char *p = path.c_str();
-    const auto refused = [&](int result, const std::string &what) {
-        EXPECT_EQ(result, -1) << what;
-        EXPECT_EQ(KLIBErrGet(), ERR_BAD_PARAMETERS) << what;
-        EXPECT_EQ(read_file(path), before) << what;
-    };
+    const auto refused = refusal_check(path, before);
     for (const char *bad : {"v\ndomainjoined=yes", "v\rdomainjoined=yes", "\n", "v\r"}) {
         const std::string what = std::string("value ") + bad;
         refused(KLIBFileSetKeyValue(p, "k", bad, nullptr), what);

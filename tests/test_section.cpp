@@ -151,11 +151,7 @@ TEST_F(SectionFile, LineBreaksNeverReachTheFile)
     const std::string before = "[global]\nworkgroup=HOME\n";
     write_file(path, before);
     const char *p = path.c_str();
-    const auto refused = [&](int result, const std::string &what) {
-        EXPECT_EQ(result, -1) << what;
-        EXPECT_EQ(KLIBErrGet(), ERR_BAD_PARAMETERS) << what;
-        EXPECT_EQ(read_file(path), before) << what;
-    };
+    const auto refused = refusal_check(path, before);
     for (const char *brk : {"\n", "\r"}) {
         const std::string evil = std::string("x") + brk + "[homes]" + brk + "root preexec=/bin/sh";
         refused(ErrSetSecKeyVal(p, "global", "workgroup", evil.c_str(), nullptr), "value");
