@@ -3,6 +3,8 @@
 #include "kemo_io.hpp"
 
 #include <cerrno>
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <cstdarg>
 #include <syslog.h>
 #include <cstdio>
@@ -223,34 +225,57 @@ std::string expand_argless_format(std::string_view format)
 
 } // namespace
 
+namespace kemo {
+
+// Opens an error log file at the caller's path for writing (flags adds
+// O_TRUNC or O_APPEND), created 0644 when missing: never through a link,
+// never a FIFO (a regular file, or a device only root can have made).  The
+// stream, or null.
+FilePtr error_log_open(const char *path, int flags)
+{
+    Fd fd(::open(path, O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | flags, 0644));
+    struct stat st;
+    if (!fd || ::fstat(fd.get(), &st) != 0 || !(S_ISREG(st.st_mode) || S_ISCHR(st.st_mode)))
+        return nullptr;
+    FilePtr f(::fdopen(fd.get(), "a"));
+    if (f) {
+        fd.release();
+        flush_and_sync(f.get());
+    }
+    return f;
+}
+
+// Appends message (a format without arguments) and a newline, synced.
+int error_log_append(const char *path, const char *message)
+{
+    FilePtr f = error_log_open(path, O_APPEND);
+    if (!f)
+        return fail(-1, ERR_OPEN_FAILED);
+    const std::string text = expand_argless_format(message);
+    // A line that never reached the disk is a failed write too.
+    const bool written = std::fputs(text.c_str(), f.get()) >= 0 && std::fputs("\n", f.get()) >= 0 &&
+                         flush_and_sync(f.get());
+    if (std::fclose(f.release()) != 0 || !written)
+        return fail(-1, ERR_WRITE_FAILED);
+    return 0;
+}
+
+} // namespace kemo
+
 extern "C" {
 
 KEMO_API void KLIBErrLogInitial(const char *path)
 {
     if (path == nullptr)
         return;
-    if (FILE *f = std::fopen(path, "w")) {
-        kemo::flush_and_sync(f);
-        std::fclose(f);
-    }
+    kemo::edge_void([&] { kemo::error_log_open(path, O_TRUNC); });
 }
 
 KEMO_API int KLIBErrLogSet(const char *path, const char *message)
 {
-    return kemo::edge(-1, [&] {
-        if (path == nullptr || message == nullptr)
-            return kemo::fail(-1, ERR_BAD_PARAMETERS);
-        FILE *f = std::fopen(path, "a+");
-        if (f == nullptr)
-            return kemo::fail(-1, ERR_OPEN_FAILED);
-        const std::string text = expand_argless_format(message);
-        // A line that never reached the disk is a failed write too.
-        const bool written = std::fputs(text.c_str(), f) >= 0 && std::fputs("\n", f) >= 0 &&
-                             kemo::flush_and_sync(f);
-        if (std::fclose(f) != 0 || !written)
-            return kemo::fail(-1, ERR_WRITE_FAILED);
-        return 0;
-    });
+    if (path == nullptr || message == nullptr)
+        return kemo::fail(-1, ERR_BAD_PARAMETERS);
+    return kemo::edge(-1, [&] { return kemo::error_log_append(path, message); });
 }
 
 KEMO_API int KLIBSysRename(const char *oldpath, const char *newpath)

@@ -281,6 +281,108 @@ int get_desc(const char *name, char *out, int size, int *needed)
     return 1;
 }
 
+// The body of KEMOGroupEnum, with its arguments checked.
+int enum_groups(int flags, char **out, int size, int *needed)
+{
+    std::vector<std::string> names;
+    return read_names(flags, names) ? acc::store_names(names, out, size, needed) : -1;
+}
+
+// The body of KEMOGroupTotalNum, with its arguments checked.
+int count_groups(int flags)
+{
+    std::vector<std::string> names;
+    return read_names(flags, names) ? static_cast<int>(names.size()) : -1;
+}
+
+// The body of GROUPParseCreateParam, with its arguments checked.
+int parse_create_param(const char *text, char ***group)
+{
+    const std::string_view all(text);
+    const auto colon = all.find(':');
+    if (colon == std::string_view::npos) {
+        KEMO_LOG("kemogrp: GROUPParseCreateParam(): bad parameters: ':' not found!");
+        return fail(-1, ERR_BAD_PARAMETERS);
+    }
+    std::vector<std::string_view> texts{all.substr(0, colon)};
+    for (const std::string_view member : acc::split(all.substr(colon + 1), ','))
+        if (!member.empty())
+            texts.push_back(member);
+    // One block: the NULL-ended pointer array, then the texts.
+    std::size_t bytes = (texts.size() + 1) * sizeof(char *);
+    for (const std::string_view t : texts)
+        bytes += t.size() + 1;
+    auto **array = static_cast<char **>(std::malloc(bytes));
+    if (array == nullptr) {
+        KEMO_LOG("kemogrp: GROUPParseCreateParam(): KEMOMAlloc() failed");
+        return fail(-1, ERR_OUT_OF_MEMORY);
+    }
+    char *cursor = reinterpret_cast<char *>(array + texts.size() + 1);
+    for (std::size_t i = 0; i < texts.size(); ++i) {
+        std::memcpy(cursor, texts[i].data(), texts[i].size());
+        cursor[texts[i].size()] = '\0';
+        array[i] = cursor;
+        cursor += texts[i].size() + 1;
+    }
+    array[texts.size()] = nullptr;
+    *group = array;
+    return static_cast<int>(texts.size() - 1);
+}
+
+// The body of GROUPIListMember, with its arguments checked.
+int list_members(const char *name, PKLIBSZLIST *list, const KLIBGROUP *entry)
+{
+    Group g;
+    if (entry != nullptr) {
+        g.name = entry->gr_name != nullptr ? entry->gr_name : name;
+        g.gid = entry->gr_gid;
+        for (char **m = entry->gr_mem; m != nullptr && *m != nullptr; ++m)
+            if (!is_sentinel(*m))
+                g.members.emplace_back(*m);
+    } else {
+        const int found = find_local(name, g);
+        if (found <= 0)
+            return found < 0 ? -1 : fail(-1, ERR_NO_SUCH_GROUP);
+    }
+    std::vector<PasswdEntry> accounts;
+    if (!read_passwd(accounts))
+        return fail(-1, ERR_OPEN_FAILED);
+    std::unordered_map<std::string, std::size_t> by_key;
+    for (std::size_t i = 0; i < accounts.size(); ++i)
+        if (const auto key = acc::upper(accounts[i].name))
+            by_key.emplace(*key, i);
+
+    // Each account once, under the spelling of /etc/passwd: the users
+    // whose primary group this is, then the listed members.
+    std::vector<bool> taken(accounts.size());
+    std::vector<std::size_t> result;
+    const auto take = [&](std::size_t i) {
+        if (!taken[i]) {
+            taken[i] = true;
+            result.push_back(i);
+        }
+    };
+    if (acc::same_name(g.name, "users")) {
+        const bool hide_guest = !acc::guest_support();
+        for (std::size_t i = 0; i < accounts.size(); ++i)
+            if (accounts[i].gid == g.gid &&
+                !(hide_guest && acc::same_name(accounts[i].name, "guest")))
+                take(i);
+    }
+    for (const std::string &member : g.members) {
+        const auto key = acc::upper(member);
+        const auto hit = key ? by_key.find(*key) : by_key.end();
+        if (hit != by_key.end())
+            take(hit->second);
+    }
+    if (result.empty())
+        return fail(-1, ERR_NO_SUCH_USER);
+    for (const std::size_t i : result)
+        if (KLIBSzListPush(list, accounts[i].name.c_str()) < 0)
+            return -1;
+    return static_cast<int>(result.size());
+}
+
 } // namespace kemo::groups
 
 using namespace kemo::groups;
@@ -357,20 +459,14 @@ KEMO_API int KEMOGroupEnum(int flags, char **out, int size, int *needed)
 {
     if (flags < 0 || flags > 3 || !acc::enum_arguments_ok(out, size, needed))
         return fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        std::vector<std::string> names;
-        return read_names(flags, names) ? acc::store_names(names, out, size, needed) : -1;
-    });
+    return kemo::edge(-1, [&] { return enum_groups(flags, out, size, needed); });
 }
 
 KEMO_API int KEMOGroupTotalNum(int flags)
 {
     if (flags < 0 || flags > 3)
         return fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        std::vector<std::string> names;
-        return read_names(flags, names) ? static_cast<int>(names.size()) : -1;
-    });
+    return kemo::edge(-1, [&] { return count_groups(flags); });
 }
 
 KEMO_API int KEMOGroupGetDesc(const char *name, char *out, int size, int *needed)
@@ -384,94 +480,14 @@ KEMO_API int GROUPParseCreateParam(const char *text, char ***group)
 {
     if (text == nullptr || group == nullptr)
         return fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        const std::string_view all(text);
-        const auto colon = all.find(':');
-        if (colon == std::string_view::npos) {
-            KEMO_LOG("kemogrp: GROUPParseCreateParam(): bad parameters: ':' not found!");
-            return fail(-1, ERR_BAD_PARAMETERS);
-        }
-        std::vector<std::string_view> texts{all.substr(0, colon)};
-        for (const std::string_view member : acc::split(all.substr(colon + 1), ','))
-            if (!member.empty())
-                texts.push_back(member);
-        // One block: the NULL-ended pointer array, then the texts.
-        std::size_t bytes = (texts.size() + 1) * sizeof(char *);
-        for (const std::string_view t : texts)
-            bytes += t.size() + 1;
-        auto **array = static_cast<char **>(std::malloc(bytes));
-        if (array == nullptr) {
-            KEMO_LOG("kemogrp: GROUPParseCreateParam(): KEMOMAlloc() failed");
-            return fail(-1, ERR_OUT_OF_MEMORY);
-        }
-        char *cursor = reinterpret_cast<char *>(array + texts.size() + 1);
-        for (std::size_t i = 0; i < texts.size(); ++i) {
-            std::memcpy(cursor, texts[i].data(), texts[i].size());
-            cursor[texts[i].size()] = '\0';
-            array[i] = cursor;
-            cursor += texts[i].size() + 1;
-        }
-        array[texts.size()] = nullptr;
-        *group = array;
-        return static_cast<int>(texts.size() - 1);
-    });
+    return kemo::edge(-1, [&] { return parse_create_param(text, group); });
 }
 
 KEMO_API int GROUPIListMember(const char *name, PKLIBSZLIST *list, const KLIBGROUP *entry)
 {
     if (name == nullptr || list == nullptr || *list == nullptr)
         return fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        Group g;
-        if (entry != nullptr) {
-            g.name = entry->gr_name != nullptr ? entry->gr_name : name;
-            g.gid = entry->gr_gid;
-            for (char **m = entry->gr_mem; m != nullptr && *m != nullptr; ++m)
-                if (!is_sentinel(*m))
-                    g.members.emplace_back(*m);
-        } else {
-            const int found = find_local(name, g);
-            if (found <= 0)
-                return found < 0 ? -1 : fail(-1, ERR_NO_SUCH_GROUP);
-        }
-        std::vector<PasswdEntry> accounts;
-        if (!read_passwd(accounts))
-            return fail(-1, ERR_OPEN_FAILED);
-        std::unordered_map<std::string, std::size_t> by_key;
-        for (std::size_t i = 0; i < accounts.size(); ++i)
-            if (const auto key = acc::upper(accounts[i].name))
-                by_key.emplace(*key, i);
-
-        // Each account once, under the spelling of /etc/passwd: the users
-        // whose primary group this is, then the listed members.
-        std::vector<bool> taken(accounts.size());
-        std::vector<std::size_t> result;
-        const auto take = [&](std::size_t i) {
-            if (!taken[i]) {
-                taken[i] = true;
-                result.push_back(i);
-            }
-        };
-        if (acc::same_name(g.name, "users")) {
-            const bool hide_guest = !acc::guest_support();
-            for (std::size_t i = 0; i < accounts.size(); ++i)
-                if (accounts[i].gid == g.gid &&
-                    !(hide_guest && acc::same_name(accounts[i].name, "guest")))
-                    take(i);
-        }
-        for (const std::string &member : g.members) {
-            const auto key = acc::upper(member);
-            const auto hit = key ? by_key.find(*key) : by_key.end();
-            if (hit != by_key.end())
-                take(hit->second);
-        }
-        if (result.empty())
-            return fail(-1, ERR_NO_SUCH_USER);
-        for (const std::size_t i : result)
-            if (KLIBSzListPush(list, accounts[i].name.c_str()) < 0)
-                return -1;
-        return static_cast<int>(result.size());
-    });
+    return kemo::edge(-1, [&] { return list_members(name, list, entry); });
 }
 
 } // extern "C"

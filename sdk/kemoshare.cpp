@@ -469,6 +469,156 @@ bool is_sata_section(std::string_view name) noexcept
     return is_sata(name);
 }
 
+// The body of KEMOSharePathGet, with its arguments checked.
+int path_of(const char *name, char *out, int size)
+{
+    const auto section = read_section(name);
+    if (!section) {
+        KEMO_LOG("KLIBFileGetSection failed [%X]!!", KLIBErrGet());
+        return -1;
+    }
+    const auto path = value_of(*section, "path");
+    if (!path) {
+        KEMO_LOG("key [path] not found or error!!");
+        return fail(-1, section->empty() ? ERR_NO_SUCH_SHARE : ERR_KEY_NOT_FOUND);
+    }
+    if (path->size() >= static_cast<std::size_t>(size))
+        return fail(-1, ERR_NOT_ENOUGH_MEMORY);
+    std::memcpy(out, path->data(), path->size());
+    out[path->size()] = '\0';
+    return 0;
+}
+
+// The body of KEMOShareIsUnderValidPath, with its arguments checked.
+int under_valid_path(const char *user, const char *path)
+{
+    std::unique_ptr<char, CFree> real(::realpath(path, nullptr));
+    if (!real)
+        return fail(-1, ERR_PATH_NOT_FOUND);
+    const std::string resolved = real.get();
+    if (inside_own_home(resolved, user))
+        return 1;
+    const auto snapshot = snapshot_path(resolved);
+    return under_share_lock(-1, "KEMOShareIsUnderValidPath", [&] {
+        const auto names = share_names(KEMO_SHARE_ORDINARY | KEMO_SHARE_USB | KEMO_SHARE_SATA);
+        if (!names) {
+            KEMO_LOG("kemoshare: KEMOShareIsUnderValidPath: failed to enumerate shares!");
+            return -1;
+        }
+        for (const std::string &name : *names) {
+            const auto section = read_section(name.c_str());
+            if (!section) {
+                KEMO_LOG("kemoshare: KEMOShareIsUnderValidPath: failed to get share [%s]!",
+                         name.c_str());
+                return -1;
+            }
+            const auto share_path = value_of(*section, "path");
+            if (share_path && !share_path->empty() &&
+                inside_share(resolved, snapshot, canonical(std::string(*share_path))))
+                return 1;
+        }
+        return 0;
+    });
+}
+
+// The body of KEMOShareGetCase, with its arguments checked.
+int stored_case(const char *name, char **stored)
+{
+    return under_share_lock(-1, "KEMOShareGetCase", [&] {
+        const auto names = share_names(KEMO_SHARE_ORDINARY | KEMO_SHARE_USB | KEMO_SHARE_SATA);
+        if (!names) {
+            KEMO_LOG("[%X] Failed to KEMOShareEnum", KLIBErrGet());
+            return -1;
+        }
+        for (const std::string &candidate : *names)
+            if (same_name(candidate, name)) {
+                *stored = ::strdup(candidate.c_str());
+                return *stored != nullptr ? 0 : fail(-1, ERR_OUT_OF_MEMORY);
+            }
+        return fail(-1, ERR_NO_SUCH_SHARE);
+    });
+}
+
+// The body of KEMOShareEnumbyVolume, with its arguments checked.
+int enum_by_volume(int volume, char **out, int size, int *needed)
+{
+    const std::string mount = "/volume" + std::to_string(volume + 1);
+    auto lock = account_lock(kShareReadLock, kShareReadUnlock);
+    if (!lock.held()) {
+        KEMO_LOG("Failed to lock LOCK_SMB");
+        return fail(-1, ERR_LOCK_FAILED);
+    }
+    const auto names = share_names(KEMO_SHARE_ORDINARY | KEMO_SHARE_USB | KEMO_SHARE_SATA);
+    if (!names)
+        return -1;
+    std::vector<std::string> on_volume;
+    for (const std::string &name : *names) {
+        const auto section = read_section(name.c_str());
+        if (!section) {
+            KEMO_LOG("Failed to get share [%s]", name.c_str());
+            return -1;
+        }
+        const auto path = value_of(*section, "path");
+        if (path && is_within(without_trailing_slash(std::string(*path)), mount))
+            on_volume.push_back(name);
+    }
+    const int result = store_names(on_volume, out, size, needed);
+    if (result < 0 && KLIBErrGet() == ERR_NOT_ENOUGH_MEMORY)
+        KEMO_LOG("Buffer not enough.");
+    return lock.release() ? result : -1;
+}
+
+// The body of KEMOShareWriteableGet, with its arguments checked.
+int writeable(const char *share, const char *user)
+{
+    return under_share_lock(-1, "KEMOShareWriteableGet", [&] {
+        const auto section = read_section(share);
+        if (!section)
+            return -1;
+        if (section->empty())
+            return fail(-1, ERR_NO_SUCH_SHARE);
+        auto named_in = [&](const char *key) {
+            const auto list = value_of(*section, key);
+            return list && user_in_list(user, *list);
+        };
+        if (named_in("invalid users"))
+            return 0;
+        if (named_in("write list"))
+            return 1;
+        if (named_in("read list"))
+            return 0;
+        return value_of(*section, "writeable") == "yes" ? 1 : 0;
+    });
+}
+
+// The body of ParseShareParam, with its arguments checked.
+int parse_param(const char *text, PKEMOSHARE out, int size, int *needed)
+{
+    const auto fields = split(text, ':');
+    if (fields.size() != 8)
+        return fail(-1, ERR_BAD_PARAMETERS);
+    ShareRecord record;
+    record.name = std::string(fields[0]);
+    record.texts[0] = std::string(fields[1]);
+    record.texts[1] = std::string(fields[2]);
+    for (std::size_t i = 0; i < 3; ++i)
+        record.texts[2 + i] = clean_list(fields[3 + i]).text;
+    const std::string_view access = fields[6];
+    const auto underscore = access.find('_');
+    const std::string_view level =
+        underscore == std::string_view::npos ? std::string_view() : access.substr(underscore + 1);
+    record.users_access = equal_nocase(level, "RW")   ? KEMO_ACCESS_RW
+                          : equal_nocase(level, "RO") ? KEMO_ACCESS_RO
+                                                      : KEMO_ACCESS_NONE;
+    const std::string_view browseable = fields[7];
+    const auto [end, ec] = std::from_chars(browseable.data(),
+                                           browseable.data() + browseable.size(),
+                                           record.browseable);
+    if (browseable.empty() || ec != std::errc() || end != browseable.data() + browseable.size())
+        return fail(-1, ERR_BAD_PARAMETERS);
+    return store_record(record, out, size, needed);
+}
+
 } // namespace kemo::share
 
 extern "C" {
@@ -520,23 +670,7 @@ KEMO_API int KEMOSharePathGet(const char *name, char *out, int size)
         KEMO_LOG("KEMOSharePathGet: Bad parameters!");
         return fail(-1, ERR_BAD_PARAMETERS);
     }
-    return kemo::edge(-1, [&] {
-        const auto section = read_section(name);
-        if (!section) {
-            KEMO_LOG("KLIBFileGetSection failed [%X]!!", KLIBErrGet());
-            return -1;
-        }
-        const auto path = value_of(*section, "path");
-        if (!path) {
-            KEMO_LOG("key [path] not found or error!!");
-            return fail(-1, section->empty() ? ERR_NO_SUCH_SHARE : ERR_KEY_NOT_FOUND);
-        }
-        if (path->size() >= static_cast<std::size_t>(size))
-            return fail(-1, ERR_NOT_ENOUGH_MEMORY);
-        std::memcpy(out, path->data(), path->size());
-        out[path->size()] = '\0';
-        return 0;
-    });
+    return kemo::edge(-1, [&] { return kemo::share::path_of(name, out, size); });
 }
 
 KEMO_API int BlSDKUserIsInList(const char *user, const char *list)
@@ -550,35 +684,7 @@ KEMO_API int KEMOShareIsUnderValidPath(const char *user, const char *path)
 {
     if (user == nullptr || *user == '\0' || path == nullptr || *path == '\0')
         return fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        std::unique_ptr<char, CFree> real(::realpath(path, nullptr));
-        if (!real)
-            return fail(-1, ERR_PATH_NOT_FOUND);
-        const std::string resolved = real.get();
-        if (inside_own_home(resolved, user))
-            return 1;
-        const auto snapshot = snapshot_path(resolved);
-        return under_share_lock(-1, "KEMOShareIsUnderValidPath", [&] {
-            const auto names = share_names(KEMO_SHARE_ORDINARY | KEMO_SHARE_USB | KEMO_SHARE_SATA);
-            if (!names) {
-                KEMO_LOG("kemoshare: KEMOShareIsUnderValidPath: failed to enumerate shares!");
-                return -1;
-            }
-            for (const std::string &name : *names) {
-                const auto section = read_section(name.c_str());
-                if (!section) {
-                    KEMO_LOG("kemoshare: KEMOShareIsUnderValidPath: failed to get share [%s]!",
-                             name.c_str());
-                    return -1;
-                }
-                const auto share_path = value_of(*section, "path");
-                if (share_path && !share_path->empty() &&
-                    inside_share(resolved, snapshot, canonical(std::string(*share_path))))
-                    return 1;
-            }
-            return 0;
-        });
-    });
+    return kemo::edge(-1, [&] { return kemo::share::under_valid_path(user, path); });
 }
 
 KEMO_API int KEMOShareGetCase(const char *name, char **stored)
@@ -586,21 +692,7 @@ KEMO_API int KEMOShareGetCase(const char *name, char **stored)
     if (name == nullptr || stored == nullptr)
         return fail(-1, ERR_BAD_PARAMETERS);
     *stored = nullptr;
-    return kemo::edge(-1, [&] {
-        return under_share_lock(-1, "KEMOShareGetCase", [&] {
-            const auto names = share_names(KEMO_SHARE_ORDINARY | KEMO_SHARE_USB | KEMO_SHARE_SATA);
-            if (!names) {
-                KEMO_LOG("[%X] Failed to KEMOShareEnum", KLIBErrGet());
-                return -1;
-            }
-            for (const std::string &candidate : *names)
-                if (same_name(candidate, name)) {
-                    *stored = ::strdup(candidate.c_str());
-                    return *stored != nullptr ? 0 : fail(-1, ERR_OUT_OF_MEMORY);
-                }
-            return fail(-1, ERR_NO_SUCH_SHARE);
-        });
-    });
+    return kemo::edge(-1, [&] { return kemo::share::stored_case(name, stored); });
 }
 
 KEMO_API void KEMOShareGetCaseFree(char *stored)
@@ -612,32 +704,7 @@ KEMO_API int KEMOShareEnumbyVolume(int volume, char **out, int size, int *needed
 {
     if (volume < 0 || volume >= INT_MAX || !enum_arguments_ok(out, size, needed))
         return fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        const std::string mount = "/volume" + std::to_string(volume + 1);
-        auto lock = account_lock(kShareReadLock, kShareReadUnlock);
-        if (!lock.held()) {
-            KEMO_LOG("Failed to lock LOCK_SMB");
-            return fail(-1, ERR_LOCK_FAILED);
-        }
-        const auto names = share_names(KEMO_SHARE_ORDINARY | KEMO_SHARE_USB | KEMO_SHARE_SATA);
-        if (!names)
-            return -1;
-        std::vector<std::string> on_volume;
-        for (const std::string &name : *names) {
-            const auto section = read_section(name.c_str());
-            if (!section) {
-                KEMO_LOG("Failed to get share [%s]", name.c_str());
-                return -1;
-            }
-            const auto path = value_of(*section, "path");
-            if (path && is_within(without_trailing_slash(std::string(*path)), mount))
-                on_volume.push_back(name);
-        }
-        const int result = store_names(on_volume, out, size, needed);
-        if (result < 0 && KLIBErrGet() == ERR_NOT_ENOUGH_MEMORY)
-            KEMO_LOG("Buffer not enough.");
-        return lock.release() ? result : -1;
-    });
+    return kemo::edge(-1, [&] { return kemo::share::enum_by_volume(volume, out, size, needed); });
 }
 
 // Deny list first, then the read-write list, then the read-only list; a user
@@ -648,26 +715,7 @@ KEMO_API int KEMOShareWriteableGet(const char *share, const char *user)
         return fail(-1, ERR_BAD_PARAMETERS);
     if (*share == '\0' || is_reserved(share))
         return fail(-1, ERR_NO_SUCH_SHARE);
-    return kemo::edge(-1, [&] {
-        return under_share_lock(-1, "KEMOShareWriteableGet", [&] {
-            const auto section = read_section(share);
-            if (!section)
-                return -1;
-            if (section->empty())
-                return fail(-1, ERR_NO_SUCH_SHARE);
-            auto named_in = [&](const char *key) {
-                const auto list = value_of(*section, key);
-                return list && user_in_list(user, *list);
-            };
-            if (named_in("invalid users"))
-                return 0;
-            if (named_in("write list"))
-                return 1;
-            if (named_in("read list"))
-                return 0;
-            return value_of(*section, "writeable") == "yes" ? 1 : 0;
-        });
-    });
+    return kemo::edge(-1, [&] { return kemo::share::writeable(share, user); });
 }
 
 // "name:comment:path:deny:rw:ro:access:browseable".  The access field is
@@ -677,31 +725,7 @@ KEMO_API int ParseShareParam(const char *text, PKEMOSHARE out, int size, int *ne
 {
     if (text == nullptr || needed == nullptr || size < 0 || (out == nullptr && size != 0))
         return fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        const auto fields = split(text, ':');
-        if (fields.size() != 8)
-            return fail(-1, ERR_BAD_PARAMETERS);
-        ShareRecord record;
-        record.name = std::string(fields[0]);
-        record.texts[0] = std::string(fields[1]);
-        record.texts[1] = std::string(fields[2]);
-        for (std::size_t i = 0; i < 3; ++i)
-            record.texts[2 + i] = clean_list(fields[3 + i]).text;
-        const std::string_view access = fields[6];
-        const auto underscore = access.find('_');
-        const std::string_view level =
-            underscore == std::string_view::npos ? std::string_view() : access.substr(underscore + 1);
-        record.users_access = equal_nocase(level, "RW")   ? KEMO_ACCESS_RW
-                              : equal_nocase(level, "RO") ? KEMO_ACCESS_RO
-                                                          : KEMO_ACCESS_NONE;
-        const std::string_view browseable = fields[7];
-        const auto [end, ec] = std::from_chars(browseable.data(),
-                                               browseable.data() + browseable.size(),
-                                               record.browseable);
-        if (browseable.empty() || ec != std::errc() || end != browseable.data() + browseable.size())
-            return fail(-1, ERR_BAD_PARAMETERS);
-        return store_record(record, out, size, needed);
-    });
+    return kemo::edge(-1, [&] { return kemo::share::parse_param(text, out, size, needed); });
 }
 
 } // extern "C"

@@ -266,6 +266,64 @@ passwd *pw_record(const char *name)
     return domain ? domain_pw_record(name) : local_pw_record(name);
 }
 
+// The body of KEMOUserEnum, with its arguments checked.
+int enum_users(int flags, char **out, int size, int *needed)
+{
+    auto lock = account_lock(kUserReadLock, kUserReadUnlock);
+    if (!lock.held())
+        return fail(-1, ERR_LOCK_FAILED);
+    std::vector<std::string> names;
+    if (collect_users(flags, &names) < 0)
+        return -1;
+    return store_names(names, out, size, needed);
+}
+
+// The body of KEMOUserTotalNum, with its arguments checked.
+int count_users(int flags)
+{
+    auto lock = account_lock(kUserReadLock, kUserReadUnlock);
+    if (!lock.held())
+        return fail(-1, ERR_LOCK_FAILED);
+    return collect_users(flags, nullptr);
+}
+
+// The body of KEMOUserCheckExpired, with its arguments checked.
+int check_expired(const char *name)
+{
+    int need = 0;
+    if (user_record(name, nullptr, 0, &need) != 0) {
+        KEMO_LOG("KEMOUserCheckExpired: %s ask size error.(%X)", name,
+                 static_cast<unsigned>(KLIBErrGet()));
+        return -1;
+    }
+    // Storage aligned for the record at the buffer's start.
+    const std::size_t words = (static_cast<std::size_t>(need) + sizeof(KEMOUSER) - 1) / sizeof(KEMOUSER);
+    std::unique_ptr<KEMOUSER[]> buffer;
+    try {
+        buffer = std::make_unique<KEMOUSER[]>(words);
+    } catch (const std::bad_alloc &) {
+        KEMO_LOG("KEMOMAlloc %d failed.", need);
+        return fail(-1, ERR_OUT_OF_MEMORY);
+    }
+    if (user_record(name, buffer.get(), need, &need) != 1)
+        return -1;
+    const int32_t day = buffer[0].expire;
+    if (day <= 0)
+        return 0;
+    // The account ends with day D in local time: at local midnight that
+    // starts day D + 1 (mktime also accounts for summer time).
+    const time_t start = static_cast<time_t>(day) * 86400;
+    tm date{};
+    gmtime_r(&start, &date);
+    tm end{};
+    end.tm_year = date.tm_year;
+    end.tm_mon = date.tm_mon;
+    end.tm_mday = date.tm_mday + 1;
+    end.tm_isdst = -1;
+    const time_t expires = mktime(&end);
+    return std::time(nullptr) >= expires ? 1 : 0;
+}
+
 } // namespace kemo::accounts
 
 using namespace kemo::accounts;
@@ -324,15 +382,7 @@ KEMO_API int KEMOUserEnum(int flags, char **out, int size, int *needed)
     if ((flags != 0 && (flags & (KEMO_USER_LOCAL | KEMO_USER_DOMAIN_ALL | KEMO_USER_DOMAIN_USED)) == 0) ||
         !enum_arguments_ok(out, size, needed))
         return fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        auto lock = account_lock(kUserReadLock, kUserReadUnlock);
-        if (!lock.held())
-            return fail(-1, ERR_LOCK_FAILED);
-        std::vector<std::string> names;
-        if (collect_users(flags, &names) < 0)
-            return -1;
-        return store_names(names, out, size, needed);
-    });
+    return kemo::edge(-1, [&] { return enum_users(flags, out, size, needed); });
 }
 
 // The flags are checked against 0x01, 0x02 and 0x04 but filtered like
@@ -342,52 +392,14 @@ KEMO_API int KEMOUserTotalNum(int flags)
 {
     if (flags != 0 && (flags & 0x07) == 0)
         return fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        auto lock = account_lock(kUserReadLock, kUserReadUnlock);
-        if (!lock.held())
-            return fail(-1, ERR_LOCK_FAILED);
-        return collect_users(flags, nullptr);
-    });
+    return kemo::edge(-1, [&] { return count_users(flags); });
 }
 
 KEMO_API int KEMOUserCheckExpired(const char *name)
 {
     if (name == nullptr)
         return fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        int need = 0;
-        if (user_record(name, nullptr, 0, &need) != 0) {
-            KEMO_LOG("KEMOUserCheckExpired: %s ask size error.(%X)", name,
-                     static_cast<unsigned>(KLIBErrGet()));
-            return -1;
-        }
-        // Storage aligned for the record at the buffer's start.
-        const std::size_t words = (static_cast<std::size_t>(need) + sizeof(KEMOUSER) - 1) / sizeof(KEMOUSER);
-        std::unique_ptr<KEMOUSER[]> buffer;
-        try {
-            buffer = std::make_unique<KEMOUSER[]>(words);
-        } catch (const std::bad_alloc &) {
-            KEMO_LOG("KEMOMAlloc %d failed.", need);
-            return fail(-1, ERR_OUT_OF_MEMORY);
-        }
-        if (user_record(name, buffer.get(), need, &need) != 1)
-            return -1;
-        const int32_t day = buffer[0].expire;
-        if (day <= 0)
-            return 0;
-        // The account ends with day D in local time: at local midnight that
-        // starts day D + 1 (mktime also accounts for summer time).
-        const time_t start = static_cast<time_t>(day) * 86400;
-        tm date{};
-        gmtime_r(&start, &date);
-        tm end{};
-        end.tm_year = date.tm_year;
-        end.tm_mon = date.tm_mon;
-        end.tm_mday = date.tm_mday + 1;
-        end.tm_isdst = -1;
-        const time_t expires = mktime(&end);
-        return std::time(nullptr) >= expires ? 1 : 0;
-    });
+    return kemo::edge(-1, [&] { return check_expired(name); });
 }
 
 } // extern "C"

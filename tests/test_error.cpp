@@ -116,6 +116,14 @@ TEST_F(ErrorLog, SetRefusesBadArgumentsAndUnopenablePaths)
     EXPECT_EQ(KLIBErrGet(), ERR_OPEN_FAILED);
     EXPECT_EQ(KLIBErrLogSet("/dev/full", "x"), -1);
     EXPECT_EQ(KLIBErrGet(), ERR_WRITE_FAILED);
+
+    // Never through a link another user planted at the name.
+    write_file("/etc/victim", "keep\n", 0600);
+    ASSERT_EQ(::symlink("/etc/victim", "/tmp/planted.log"), 0);
+    EXPECT_EQ(KLIBErrLogSet("/tmp/planted.log", "x"), -1);
+    EXPECT_EQ(KLIBErrGet(), ERR_OPEN_FAILED);
+    KLIBErrLogInitial("/tmp/planted.log");
+    EXPECT_EQ(read_file("/etc/victim"), "keep\n");
 }
 
 class SystemWrappers : public SandboxTest {};
