@@ -184,6 +184,11 @@ PKLIBGROUP local_group_record(const char *name)
     return local_record(name);
 }
 
+bool group_names(int flags, std::vector<std::string> &names)
+{
+    return read_names(flags, names);
+}
+
 // A local group's record, or a domain group's (gid -1: the domain lists
 // hold names and members only).
 PKLIBGROUP group_record(const char *name)

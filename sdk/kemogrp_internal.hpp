@@ -167,6 +167,9 @@ int take_gid(acc::Lines &file);
 PKLIBGROUP group_record(const char *name);
 // A local group's record only (as PgrpKLIBGetLocalGrNam).
 PKLIBGROUP local_group_record(const char *name);
+// The names KEMOGroupEnum lists for flags, read under the readers' lock;
+// false with the error code set.
+bool group_names(int flags, std::vector<std::string> &names);
 // KEMOGroupGet: the group's name and members in the two-call layout.
 int get_group(int flags, const char *name, char **out, int size, int *needed);
 // KEMOGroupGetDesc: the group's description (0 size query, 1 copied).

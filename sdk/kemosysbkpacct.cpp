@@ -118,22 +118,6 @@ bool has_line_break(std::string_view text)
     return text.find_first_of("\r\n") != std::string_view::npos;
 }
 
-// Texts of a two-call enumerator (KEMOUserEnum, KEMOGroupEnum style).
-std::optional<std::vector<std::string>> enumerate(int (*enumerator)(int, char **, int, int *),
-                                                  int flags)
-{
-    int needed = 0;
-    if (enumerator(flags, nullptr, 0, &needed) < 0)
-        return std::nullopt;
-    std::vector<char *> buffer(static_cast<std::size_t>(needed) / sizeof(char *) + 1);
-    if (enumerator(flags, buffer.data(), static_cast<int>(buffer.size() * sizeof(char *)), &needed) < 0)
-        return std::nullopt;
-    std::vector<std::string> names;
-    for (char **p = buffer.data(); *p != nullptr; ++p)
-        names.emplace_back(*p);
-    return names;
-}
-
 // ------------------------------------------------------------ users
 
 int export_users(int fd)
@@ -232,18 +216,18 @@ std::optional<StoredGroup> read_group(const std::string &name)
 int export_groups(int fd)
 {
     return kemo::sysbackup::write_section("KEMOSysbkpGroupExport", fd, kGroupId, [&] {
-        auto names = enumerate(&KEMOGroupEnum, KEMO_GROUP_LOCAL);
-        if (!names) {
+        std::vector<std::string> names;
+        if (!kemo::groups::group_names(KEMO_GROUP_LOCAL, names)) {
             KEMO_LOG("fail to enumerate the local groups (%X)", KLIBErrGet());
             return false;
         }
         // "users" holds every user by its gid; "administrators" is a system
         // group, not enumerated, whose members the administrator chooses.
-        std::erase_if(*names, [](const std::string &n) { return acc::equal_nocase(n, "users"); });
+        std::erase_if(names, [](const std::string &n) { return acc::equal_nocase(n, "users"); });
         if (kemo::groups::local_group_record("administrators") != nullptr)
-            names->insert(names->begin(), "administrators");
+            names.insert(names.begin(), "administrators");
         std::vector<StoredGroup> groups;
-        for (const std::string &name : *names) {
+        for (const std::string &name : names) {
             auto group = read_group(name);
             if (!group) {
                 KEMO_LOG("fail to read group [%s] (%X)", name.c_str(), KLIBErrGet());
