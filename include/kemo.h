@@ -1228,6 +1228,208 @@ KEMO_API int ErrNetServiceStart(void);
 KEMO_API int KEMOWebService(int on);
 
 /* ------------------------------------------------------------------------ */
+/* Internal disks and RAID arrays                                            */
+/* ------------------------------------------------------------------------ */
+/* Disks are numbered 0..3 (/dev/sda../dev/sdd), partition indexes 0..3
+ * (index 2 is the data partition /dev/sdX3).  Every disk carries the same
+ * DOS layout, sizes in 512-byte sectors: partition 1 at 63 (1574307
+ * sectors, member of the system array /dev/md0), partition 2 right after
+ * it (787185, the swap array /dev/md1), 273105 sectors free, partition 3 to
+ * the end of the disk (a data array /dev/md2 upward; data volume N is
+ * /dev/md<N+2>).  All partitions have type 0xfd.
+ *
+ * Failures set the disk module's error word (KEMORaidDiskGetErr) or the
+ * array module's (KEMORaidGetErr), whose small codes are listed below, and
+ * also the library's error code: KEMO_RAID_ERR_PARAM gives
+ * ERR_BAD_PARAMETERS, an absent array ERR_DEV_UNCONFIG, an inconsistent
+ * RAID state ERR_BROKEN_RAID_CONF, an unreadable disk ERR_DISK_IO_FAILED,
+ * anything else ERR_OP_FAILURE. */
+
+#define KEMO_RAID_DISK_SYS_SECTORS 1574307u  /* partition 1 */
+#define KEMO_RAID_DISK_SWAP_START 1574370u
+#define KEMO_RAID_DISK_SWAP_SECTORS 787185u  /* partition 2 */
+#define KEMO_RAID_DISK_GAP_SECTORS 273105u   /* free before partition 3 */
+#define KEMO_RAID_DISK_DATA_START 2634660u
+#define KEMO_RAID_DISK_RESERVE 2634597u      /* 1 + 2 + the gap */
+#define KEMO_RAID_CYLINDER 16065u            /* 255 x 63 sectors */
+
+/* KEMORaidDiskInit / KEMORaidDiskClean types (bit sets). */
+#define KEMO_RAID_DISK_INIT_SYS 1   /* system and swap partitions */
+#define KEMO_RAID_DISK_INIT_DATA 2  /* the data partition */
+#define KEMO_RAID_DISK_INIT_ALL 3
+
+/* Disk status values. */
+#define KEMO_DISK_NORMAL 0        /* in both system arrays, healthy data member */
+#define KEMO_DISK_NONE 1          /* no disk in the slot */
+#define KEMO_DISK_UNINITIALIZED 2 /* in no array at all */
+#define KEMO_DISK_SYSTEM_ONLY 3   /* system partitions in place, no data array */
+#define KEMO_DISK_DATA_FAULTY 4   /* flagged by its data array */
+#define KEMO_DISK_SYSTEM_PARTIAL 5 /* in one system array only, or flagged there */
+#define KEMO_DISK_SYSTEM_MISSING 6 /* healthy data member, system arrays incomplete */
+
+/* Disk module error codes (KEMORaidDiskGetErr). */
+#define KEMO_RAID_DISK_ERR_PARAM 1
+#define KEMO_RAID_DISK_ERR_RESET 3    /* "-M1" or another partitioning command failed */
+#define KEMO_RAID_DISK_ERR_MODEL 5
+#define KEMO_RAID_DISK_ERR_SIZE 6
+#define KEMO_RAID_DISK_ERR_STATE 7
+
+/* Array module error codes (KEMORaidGetErr). */
+#define KEMO_RAID_ERR_PARAM 1
+#define KEMO_RAID_ERR_NO_ID 2      /* no free array number / not RAID 1 or 5 */
+#define KEMO_RAID_ERR_COMMAND 3
+#define KEMO_RAID_ERR_INACTIVE 4   /* the md driver knows no such array */
+#define KEMO_RAID_ERR_SUPERBLOCK 5
+#define KEMO_RAID_ERR_UNMOUNT 7
+#define KEMO_RAID_ERR_STOP 8
+#define KEMO_RAID_ERR_GROW 9
+#define KEMO_RAID_ERR_LAYOUT 10
+#define KEMO_RAID_ERR_PART_SIZE 11
+
+/* One disk's status (KEMORaidDiskStatus); zero it before the call. */
+typedef struct KEMORAIDDISK {
+    uint32_t reserved;       /* not filled */
+    uint32_t status;         /* KEMO_DISK_* */
+    char device[4096];       /* "/dev/sda" ... */
+    char model[128];         /* as the drive reports it, trailing blanks kept */
+    uint32_t dataVolumeMask; /* bit N: member of data volume N (ORed in) */
+    float sizeGiB;           /* sectors x 2^-21 */
+} KEMORAIDDISK, *PKEMORAIDDISK;
+
+/* One member of an array as the md driver lists it.  state bits: 1 faulty,
+ * 2 active, 4 in sync, 8 removed. */
+typedef struct KEMORAIDMEMBER {
+    int32_t major;
+    int32_t minor;
+    int32_t state;
+} KEMORAIDMEMBER, *PKEMORAIDMEMBER;
+
+/* One array's status (KEMORaidVolStatus).  Masks have bit d for disk d. */
+typedef struct KEMORAIDVOL {
+    int32_t mdId;
+    int32_t level;            /* 0, 1, 5 ... as the md driver reports it */
+    int32_t reserved;
+    int32_t volStatus;        /* 0 normal, 1 degraded, 2 crashed */
+    uint32_t rebuildState;    /* always 0 */
+    float rebuildProgress;    /* always 0 */
+    int32_t designDisks;      /* configured member count */
+    int32_t workingDisks;     /* equal to activeDisks */
+    int32_t activeDisks;      /* present and not faulty */
+    uint32_t memberMask;
+    uint32_t faultyMask;
+    uint32_t failedMask;      /* never filled here: read it as empty */
+    uint32_t activeMask;
+    char device[4096];        /* "/dev/md%d" */
+    int32_t mounted;
+    char mountPoint[4096];    /* at most 15 characters */
+    uint64_t totalBytes;
+    int64_t componentKiB;     /* per-member size */
+} KEMORAIDVOL, *PKEMORAIDVOL;
+
+/* 1 when n (taken unsigned) is a disk number / partition index 0..3. */
+KEMO_API int KEMORaidIDiskNumValid(unsigned int n);
+KEMO_API int KEMORaidIPartNumValid(unsigned int n);
+/* "/dev/sdX", "/dev/sdXN" (part an index), "/sys/block/sdX"; NULL for an
+ * invalid number.  Static strings. */
+KEMO_API const char *KEMORaidIDiskName(int disk);
+KEMO_API const char *KEMORaidIPartName(int disk, int part);
+KEMO_API const char *KEMORaidIDiskProc(int disk);
+
+/* The disk slots of the model: "maxdisks" of /etc.defaults/kemoinfo.conf,
+ * read by running /bin/get_key_value.  0 when that fails. */
+KEMO_API int KEMOMaxDiskGet(void);
+/* (1 << KEMOMaxDiskGet()) - 1; all ones from 32 slots up. */
+KEMO_API uint32_t KEMOMaxDiskMaskGet(void);
+
+/* Size in sectors of a disk (part -1) or of its partition index part.
+ * Sizes above 2 TiB read as 0xFFFFFFFF.  0, or non-zero (disk error 1 or
+ * 6). */
+KEMO_API int KEMOLnxDiskSize(int disk, int part, uint32_t *sectors);
+/* The drive's model from ATA IDENTIFY, else the line of
+ * /sys/block/<name>/device/model (newline kept), into buf (len bytes,
+ * always terminated).  0, or -1 (disk error 1 or 5). */
+KEMO_API int KEMOLnxDiskGetModel(const char *devicePath, char *buf, int len);
+/* 0 when path exists; 1 otherwise, with *status 1 when it does not exist. */
+KEMO_API int KEMOLnxDiskProc(const char *path, int *status);
+
+/* ((disk - KEMO_RAID_DISK_RESERVE) / cylinder) x cylinder; 0 when the disk
+ * is smaller than the reserve. */
+KEMO_API uint32_t KEMORaidDiskPartitionSizeFromDiskSize(uint32_t diskSectors);
+/* A member's usable size: low 7 bits cleared, minus 128 (unsigned). */
+KEMO_API uint32_t KEMORaidDiskMDSizeFromPartitionSize(uint32_t partSectors);
+KEMO_API int KEMORaidDiskUsableSizeFromDisk(int disk, uint32_t *sectors);
+KEMO_API int KEMORaidDiskUsableSizeFromPartition(int disk, int part, uint32_t *sectors);
+/* The smallest size of the disks in diskMask, less the reserve, rounded
+ * down to a cylinder.  Disks that cannot be measured are skipped; when none
+ * can be, the subtraction wraps.  0, or 1 (disk error 1). */
+KEMO_API int KEMORaidDiskMinSizeGet(int diskMask, uint32_t *sectors);
+
+/* Lays the layout on a disk (initType bits KEMO_RAID_DISK_INIT_*), cleaning
+ * first what it replaces.  A type without bit 0 or 1 is refused (disk
+ * error 7), bits above them are refused (disk error 1).  0, or 1. */
+KEMO_API int KEMORaidDiskInit(int disk, int initType);
+/* Clears md superblocks and deletes partition entries: type 3 all four
+ * (after resetting the table), 1 partitions 1-2 (after the reset), 2
+ * partition 3 only, anything else partition 1 only.  0, or 1 (disk error 1
+ * or 3). */
+KEMO_API int KEMORaidDiskClean(int disk, int cleanType);
+
+/* The disk's status into *record (status KEMO_DISK_NONE and 0 for an
+ * empty slot).  0, or 1 (disk error 1, 5, 6 or 7). */
+KEMO_API int KEMORaidDiskStatus(int disk, PKEMORAIDDISK record);
+/* From /dev/md0 and /dev/md1: 0 member of both and flagged in neither, 2
+ * member of one or flagged, 1 member of neither.  0, or 1. */
+KEMO_API int KEMORAIDStatusGetSYS(int *sysStatus, int disk);
+/* From the first data array that lists the disk (its bit ORed into
+ * *dataVolumeMask): 0 healthy member, 2 flagged, 1 member of none.  0, or 1. */
+KEMO_API int KEMORAIDStatusGetDATA(int *dataStatus, uint32_t *dataVolumeMask, int disk);
+/* Maps (system, data) to a KEMO_DISK_* value.  0, or 1 (disk error 7 for
+ * an inconsistent pair, 1 for a null pointer). */
+KEMO_API int KEMORAIDStatusGet(int sysStatus, int dataStatus, int *diskStatus);
+/* The number of slots whose disk no data array uses (status 2 or 3). */
+KEMO_API int KEMORaidDiskUnused(void);
+/* The 1-based disk whose partition has device numbers major:minor, or -1.
+ * kind 0: partition 1, 1: partition 2, 2..5: partition 3. */
+KEMO_API int KEMORaidDiskIDGet(int kind, int major, int minor);
+/* Partition number part (1-based) of device as the partitioning tool lists
+ * it: its size, start and type; -1 when it is absent or unreadable. */
+KEMO_API long long RCRaiddiskPartitionConfigs(int part, const char *device, uint32_t *start,
+                                              uint32_t *type);
+/* 1 when device carries the appliance's layout (partitions 1 and 2 exact,
+ * partition 3 of type 0xfd), else 0. */
+KEMO_API int BlKEMORaidDiskCheckPartitions(const char *device);
+/* Logs a failed shell command (status a wait status, or -1). */
+KEMO_API void KEMOErrLogShellCmd(int status, const char *source, int line, const char *command);
+KEMO_API void KEMORaidIDiskSetErr(uint32_t code);
+KEMO_API uint32_t KEMORaidDiskGetErr(void);
+
+/* The status of /dev/md<md> (0..5) from the md driver and the mount table.
+ * 0, or non-zero (array error 1, 3, or 4 for an array that is not
+ * active). */
+KEMO_API int KEMORaidVolStatus(int md, PKEMORAIDVOL record);
+/* Fills memberMask, faultyMask, activeMask and the two active counts of
+ * masks from count members of array md.  0, or non-zero for a member on no
+ * internal disk or in an unknown state. */
+KEMO_API int DecideRAIDDiskStatus(int md, const KEMORAIDMEMBER *members, int count, PKEMORAIDVOL masks);
+/* 0 normal, 1 degraded, 2 crashed, from the level and the counts. */
+KEMO_API int DecideRAIDVolStatus(int level, const KEMORAIDVOL *masks);
+/* The per-member size in KiB of /dev/md<md> (0..5).  0, or non-zero. */
+KEMO_API int KEMORaidComponentSize(int md, int64_t *kib);
+/* Data volumes (= disk slots), arrays (+2), highest array number (+1). */
+KEMO_API int KEMOMaxVolGet(void);
+KEMO_API int KEMORaidMaxMDGet(void);
+KEMO_API int KEMORaidMaxMDIDGet(void);
+/* 1 for an array number 0..5. */
+KEMO_API int KEMORaidIVolNumValid(int md);
+/* *sectors = KEMO_RAID_DISK_RESERVE.  0, or 1 for a null pointer. */
+KEMO_API int KEMORaidVolDiskReserveSizeGet(uint32_t *sectors);
+/* The array size limit set by a root-owned file "/tmp/volume.<GiB>", in
+ * KiB.  0, or 1 with *kib 0 when there is none. */
+KEMO_API int KEMORaidIDiskSizeLimitGet(uint64_t *kib);
+KEMO_API void KEMORaidISetErr(uint32_t code);
+KEMO_API uint32_t KEMORaidGetErr(void);
+
+/* ------------------------------------------------------------------------ */
 /* Configuration backup                                                      */
 /* ------------------------------------------------------------------------ */
 /* One file of big-endian u32 words: "KEMO", category 1, the content mask,

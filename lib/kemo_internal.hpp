@@ -17,6 +17,9 @@ namespace kemo {
 // KEMO_LOG forms below, or a module's own message format passed whole), so
 // the errno of the caller is never changed by logging.
 void log(const char *fmt, ...) noexcept __attribute__((format(printf, 1, 2)));
+// The same at another level (LOG_INFO for a step worth recording that is
+// not a failure).
+void log_at(int priority, const char *fmt, ...) noexcept __attribute__((format(printf, 2, 3)));
 
 } // namespace kemo
 

@@ -22,6 +22,16 @@ void kemo::log(const char *fmt, ...) noexcept
     errno = saved;
 }
 
+void kemo::log_at(int priority, const char *fmt, ...) noexcept
+{
+    const int saved = errno;
+    std::va_list args;
+    va_start(args, fmt);
+    ::vsyslog(priority, fmt, args);
+    va_end(args);
+    errno = saved;
+}
+
 extern "C" {
 
 KEMO_API int kemoerrno = 0;

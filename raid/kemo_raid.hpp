@@ -1,0 +1,88 @@
+// Internal interface of the storage modules: the disk layer
+// (kemoraiddisk.cpp, kemoraiddisk_status.cpp) and the array layer
+// (kemoraidvol.cpp).  The exported functions are shims over these; the
+// modules call each other only through this header, so the error words are
+// set exactly once per failure and no public entry point is re-entered.
+#pragma once
+
+#include "kemo.h"
+#include "kemo_internal.hpp"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+// The storage modules' diagnostics carry their own prefixes ("%s(%d)...",
+// "%s (%d) ..."): the format names them and this fills in file and line.
+#define KEMO_RAID_LOG(fmt, ...) ::kemo::log(fmt, __FILE__, __LINE__ __VA_OPT__(, ) __VA_ARGS__)
+
+namespace kemo::raid {
+
+constexpr int kMaxDisks = 4;    // name tables: /dev/sda../dev/sdd
+constexpr int kMaxParts = 4;    // partition indexes 0..3
+constexpr int kMaxMd = 5;       // /dev/md0../dev/md5
+constexpr int kMaxMembers = 27; // member slots asked of the md driver
+
+constexpr const char *kPartitionTool = "/sbin/sfdisk";
+constexpr const char *kInfoDefaults = "/etc.defaults/kemoinfo.conf";
+
+// ---- module error words ------------------------------------------------
+// Each sets its module's word and the library's error code that matches.
+void set_disk_error(uint32_t code) noexcept;
+uint32_t disk_error() noexcept;
+void set_vol_error(uint32_t code) noexcept;
+uint32_t vol_error() noexcept;
+
+// ---- names -------------------------------------------------------------
+bool disk_valid(long n) noexcept; // 0..3
+bool part_valid(long n) noexcept; // 0..3
+const char *disk_name(int disk) noexcept;     // "/dev/sda", null when invalid
+const char *part_name(int disk, int part) noexcept;
+const char *disk_proc(int disk) noexcept;     // "/sys/block/sda"
+
+// ---- model limits --------------------------------------------------------
+// "maxdisks" of the defaults file, read in this process (the exported
+// KEMOMaxDiskGet runs /bin/get_key_value for the same value); 0 when absent.
+int max_disks() noexcept;
+// max_disks() + 3: the highest array number, as KEMORaidMaxMDIDGet.
+int max_md_id() noexcept;
+
+// ---- sizes ---------------------------------------------------------------
+uint32_t partition_size_from_disk(uint32_t disk_sectors) noexcept;
+uint32_t md_size_from_partition(uint32_t part_sectors) noexcept;
+// part -1 for the whole disk.  0, or 1 with the disk error set.
+int disk_size(int disk, int part, uint32_t *sectors) noexcept;
+int usable_size_from_partition(int disk, int part, uint32_t *sectors) noexcept;
+int disk_model(const char *device, char *buf, int len) noexcept;
+
+// ---- layout ----------------------------------------------------------------
+struct PartitionEntry {
+    uint32_t start = 0;
+    uint32_t size = 0;
+    uint32_t type = 0;
+};
+// Partition number (1-based) of device as the partitioning tool lists it.
+std::optional<PartitionEntry> partition_entry(int number, std::string_view device);
+bool layout_ok(const char *device);
+int disk_clean(int disk, int type);
+int disk_init(int disk, int type);
+// Logs a failed command as KEMOErrLogShellCmd does.
+void log_command_failure(int status, const char *source, int line, const char *command) noexcept;
+
+// ---- status ----------------------------------------------------------------
+int disk_status(int disk, KEMORAIDDISK &record);
+int system_status(int disk, int &status);
+int data_status(int disk, int &status, uint32_t &volumes);
+int map_status(int sys, int data, int &status) noexcept;
+int disk_of_device(int kind, int major, int minor);
+
+// ---- arrays ----------------------------------------------------------------
+// 0, or 1 with the array error set (KEMO_RAID_ERR_INACTIVE for an array the
+// md driver does not know: nothing is logged then).
+int vol_status(int md, KEMORAIDVOL &record);
+int decide_members(int md, const KEMORAIDMEMBER *members, int count, KEMORAIDVOL &masks);
+int decide_volume(int level, const KEMORAIDVOL &masks) noexcept;
+int component_size(int md, int64_t &kib);
+
+} // namespace kemo::raid
