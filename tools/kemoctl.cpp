@@ -275,6 +275,11 @@ constexpr Command kCommands[] = {
     {"backup import", "backup import FILE [MASK]", cmd_backup_import},
     {"backup list", "backup list FILE", cmd_backup_list},
     {"hostname", "hostname [NAME]", cmd_hostname},
+    {"disk list", "disk list", cmd_disk_list},
+    {"disk status", "disk status SLOT   (SLOT 1-4: /dev/sda../dev/sdd)", cmd_disk_status},
+    {"disk init", "disk init SLOT system|data|all", cmd_disk_init},
+    {"disk clean", "disk clean SLOT system|data|all", cmd_disk_clean},
+    {"disk check-layout", "disk check-layout SLOT", cmd_disk_check_layout},
     {"help", "help", cmd_help},
 };
 

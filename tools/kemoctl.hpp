@@ -137,6 +137,13 @@ int cmd_section(const Args &args);
 int cmd_section_set(const Args &args);
 int cmd_section_remove(const Args &args);
 
+// The internal disks (kemoctl_storage.cpp).
+int cmd_disk_list(const Args &args);
+int cmd_disk_status(const Args &args);
+int cmd_disk_init(const Args &args);
+int cmd_disk_clean(const Args &args);
+int cmd_disk_check_layout(const Args &args);
+
 // Users, groups and shares (kemoctl_accounts.cpp).
 int cmd_user_list(const Args &args);
 int cmd_user_show(const Args &args);
