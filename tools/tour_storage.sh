@@ -18,7 +18,7 @@ step kemoctl disk init 2 all
 step kemoctl disk check-layout 1
 echo
 echo "(util-linux reads the same table:)"
-step sfdisk-util-linux --dump /dev/sda
+step /usr/sbin/sfdisk --dump /dev/sda
 step cat /sys/block/sda/sda3/start /sys/block/sda/sda3/size
 
 echo
