@@ -7,6 +7,7 @@
 #include "kemofile.hpp"
 #include "kemomisc.hpp"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <linux/hdreg.h>
@@ -81,6 +82,23 @@ std::string identify_model(const unsigned char *identify)
         }
     }
     return model;
+}
+
+// True when a running array (or anything else the kernel knows) holds
+// partition number (1-based) of disk.
+bool partition_busy(int disk, int number)
+{
+    const std::string dir = std::string(disk_proc(disk)) + "/" + (disk_name(disk) + 5) + std::to_string(number) +
+                            "/holders";
+    DIR *holders = ::opendir(dir.c_str());
+    if (holders == nullptr)
+        return false;
+    bool busy = false;
+    while (const dirent *entry = ::readdir(holders))
+        if (std::strcmp(entry->d_name, ".") != 0 && std::strcmp(entry->d_name, "..") != 0)
+            busy = true;
+    ::closedir(holders);
+    return busy;
 }
 
 void copy_bounded(std::string_view text, char *buf, int len) noexcept
@@ -355,18 +373,32 @@ int disk_clean(int disk, int type)
         set_disk_error(KEMO_RAID_DISK_ERR_PARAM);
         return 1;
     }
-    if (type == KEMO_RAID_DISK_INIT_ALL || type == KEMO_RAID_DISK_INIT_SYS) {
-        const auto reset = shell_command("%s -M1 %s", {kPartitionTool, device});
-        const int status = reset ? shell_run(*reset) : -1;
+    const auto [first, last] = clean_range(type);
+    bool reset = type == KEMO_RAID_DISK_INIT_ALL || type == KEMO_RAID_DISK_INIT_SYS;
+    // Wiping the system partitions resets the whole table only when that
+    // loses nothing else: a data partition (3 or 4) keeps its entry, and
+    // entries 1 and 2 are deleted one by one instead.
+    if (type == KEMO_RAID_DISK_INIT_SYS && (partition_entry(3, device) || partition_entry(4, device)))
+        reset = false;
+    // Partitions that a running array uses are never wiped under it.
+    for (int number = reset ? 1 : first; number <= (reset ? kMaxParts : last); ++number) {
+        if (partition_busy(disk, number)) {
+            KEMO_RAID_LOG("%s(%d): Partition %s is in use by a running array\n", part_name(disk, number - 1));
+            set_disk_error(KEMO_RAID_DISK_ERR_STATE);
+            return 1;
+        }
+    }
+    if (reset) {
+        const auto command = shell_command("%s -M1 %s", {kPartitionTool, device});
+        const int status = command ? shell_run(*command) : -1;
         if (exit_code(status) != 0) {
-            log_command_failure(status, __FILE__, __LINE__, reset ? reset->c_str() : "");
+            log_command_failure(status, __FILE__, __LINE__, command ? command->c_str() : "");
             set_disk_error(KEMO_RAID_DISK_ERR_RESET);
             return 1;
         }
     }
     // Clearing a superblock that is not there, or deleting an entry that is
     // already gone, fails harmlessly: the results are not judged.
-    const auto [first, last] = clean_range(type);
     for (int number = first; number <= last; ++number) {
         const std::string digit(1, static_cast<char>('0' + number));
         if (const auto zero = shell_command("%s --zero-superblock %s > /dev/null 2>&1",
@@ -400,7 +432,12 @@ int disk_init(int disk, int type)
         return 1;
     }
     if ((type & KEMO_RAID_DISK_INIT_SYS) != 0 && !layout_ok(device)) {
-        if (disk_clean(disk, KEMO_RAID_DISK_INIT_ALL) != 0) {
+        // A foreign layout is wiped whole, but a data partition that the
+        // request does not replace keeps its entry.
+        const int wipe = (type & KEMO_RAID_DISK_INIT_DATA) == 0 && partition_entry(3, device)
+                             ? KEMO_RAID_DISK_INIT_SYS
+                             : KEMO_RAID_DISK_INIT_ALL;
+        if (disk_clean(disk, wipe) != 0) {
             KEMO_RAID_LOG("%s(%d): Failed to clean partition of disk %d : type = RAID_DISK_INIT_ALL\n", disk);
             return 1;
         }

@@ -362,6 +362,35 @@ TEST_F(Disks, CleaningWipesThePartitionsOfItsType)
     EXPECT_EQ(RCRaiddiskPartitionConfigs(1, "/dev/sda", nullptr, nullptr), 1574307);
 }
 
+TEST_F(Disks, WipingNeverTakesAPartitionInUseOrOneNotAskedFor)
+{
+    ASSERT_EQ(KEMORaidDiskInit(0, KEMO_RAID_DISK_INIT_ALL), 0);
+    ASSERT_EQ(KEMORaidDiskInit(1, KEMO_RAID_DISK_INIT_ALL), 0);
+    make_array(0, 1, "/dev/sda1 /dev/sdb1", 2);
+    const std::string table = sectors_of("/dev/sda", 0, 1);
+    EXPECT_EQ(KEMORaidDiskClean(0, KEMO_RAID_DISK_INIT_ALL), 1);
+    EXPECT_EQ(KEMORaidDiskGetErr(), static_cast<uint32_t>(KEMO_RAID_DISK_ERR_STATE));
+    EXPECT_EQ(KEMORaidDiskClean(0, 0), 1) << "partition 1 is in md0";
+    EXPECT_EQ(sectors_of("/dev/sda", 0, 1), table);
+    EXPECT_EQ(read_text("/sys/block/md0/md/array_state"), "clean");
+    EXPECT_EQ(KEMORaidDiskClean(0, KEMO_RAID_DISK_INIT_DATA), 0) << "the data partition is free";
+    ASSERT_EQ(sh("mdadm --stop /dev/md0 >/dev/null 2>&1"), 0);
+
+    // Re-making the system partitions keeps the data partition's entry.
+    ASSERT_EQ(KEMORaidDiskInit(1, KEMO_RAID_DISK_INIT_SYS), 0);
+    EXPECT_EQ(RCRaiddiskPartitionConfigs(3, "/dev/sdb", nullptr, nullptr),
+              static_cast<long long>(g_disk_bytes / 512 - KEMO_RAID_DISK_DATA_START));
+    // So does re-making them over a foreign system layout.
+    ASSERT_EQ(sh("printf 'start=1574370,size=700000,type=82\\n' | /usr/sbin/sfdisk -q -N2 --no-reread -w never "
+                 "/dev/sdb >/dev/null 2>&1"),
+              0);
+    EXPECT_EQ(BlKEMORaidDiskCheckPartitions("/dev/sdb"), 0);
+    ASSERT_EQ(KEMORaidDiskInit(1, KEMO_RAID_DISK_INIT_SYS), 0);
+    EXPECT_EQ(BlKEMORaidDiskCheckPartitions("/dev/sdb"), 1);
+    EXPECT_EQ(RCRaiddiskPartitionConfigs(3, "/dev/sdb", nullptr, nullptr),
+              static_cast<long long>(g_disk_bytes / 512 - KEMO_RAID_DISK_DATA_START));
+}
+
 TEST_F(Disks, AFailedPartitioningCommandIsLoggedAndLeavesTheError)
 {
     ASSERT_EQ(KEMORaidDiskInit(0, KEMO_RAID_DISK_INIT_SYS), 0);
