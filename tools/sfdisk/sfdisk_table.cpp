@@ -119,7 +119,9 @@ std::string range_text(std::uint64_t first, std::uint64_t last)
 // A device opened once, with its libfdisk context.
 class Disk {
 public:
-    Disk(const Options &o, bool writable) : o_(o), quiet_(o.quiet)
+    // A listing shows no warnings of libfdisk's (such as that a DOS table
+    // cannot address all of a 2 TiB disk): it changes nothing.
+    Disk(const Options &o, bool writable) : o_(o), quiet_(o.quiet || !writable)
     {
         fd_ = std::make_unique<UniqueFd>(
             ::open(o.device.c_str(), (writable ? O_RDWR : O_RDONLY) | O_CLOEXEC | O_NOCTTY));
