@@ -55,6 +55,11 @@ public:
         if (fd_ >= 0) ::close(fd_);
     }
     int get() const { return fd_; }
+    void reset(int fd)
+    {
+        if (fd_ >= 0) ::close(fd_);
+        fd_ = fd;
+    }
 
 private:
     int fd_;
@@ -123,10 +128,9 @@ public:
     // cannot address all of a 2 TiB disk): it changes nothing.
     Disk(const Options &o, bool writable) : o_(o), quiet_(o.quiet || !writable)
     {
-        fd_ = std::make_unique<UniqueFd>(
-            ::open(o.device.c_str(), (writable ? O_RDWR : O_RDONLY) | O_CLOEXEC | O_NOCTTY));
-        if (fd_->get() < 0) fail(o.device + ": cannot open: " + errno_text(errno));
-        if (::fstat(fd_->get(), &st_) != 0) fail(o.device + ": cannot examine: " + errno_text(errno));
+        fd_.reset(::open(o.device.c_str(), (writable ? O_RDWR : O_RDONLY) | O_CLOEXEC | O_NOCTTY));
+        if (fd_.get() < 0) fail(o.device + ": cannot open: " + errno_text(errno));
+        if (::fstat(fd_.get(), &st_) != 0) fail(o.device + ": cannot examine: " + errno_text(errno));
         if (!S_ISREG(st_.st_mode) && !S_ISBLK(st_.st_mode))
             fail(o.device + ": neither a block device nor a regular file");
         if (S_ISBLK(st_.st_mode)) {
@@ -140,7 +144,7 @@ public:
         fdisk_set_ask(ctx_.get(), answer, &quiet_);
         // Sector grain: starts and sizes are taken exactly as given.
         fdisk_save_user_grain(ctx_.get(), 512);
-        const int rc = fdisk_assign_device_by_fd(ctx_.get(), fd_->get(), o.device.c_str(), !writable);
+        const int rc = fdisk_assign_device_by_fd(ctx_.get(), fd_.get(), o.device.c_str(), !writable);
         if (rc < 0) fail(o.device + ": cannot read the device: " + errno_text(-rc));
         assigned_ = true;
         // What the kernel knows now, to tell it the differences afterwards.
@@ -149,6 +153,7 @@ public:
             before_.reset(before);
         else
             before_.reset(fdisk_new_table());
+        if (!before_) throw std::bad_alloc();
     }
     Disk(const Disk &) = delete;
     Disk &operator=(const Disk &) = delete;
@@ -262,7 +267,7 @@ public:
     {
         int rc = fdisk_write_disklabel(ctx_.get());
         if (rc < 0) fail(o_.device + ": writing the partition table failed: " + errno_text(-rc));
-        if (::fsync(fd_->get()) != 0) fail(o_.device + ": flushing the partition table failed: " + errno_text(errno));
+        if (::fsync(fd_.get()) != 0) fail(o_.device + ": flushing the partition table failed: " + errno_text(errno));
         if (!o_.reread || !S_ISBLK(st_.st_mode)) return;
         // Changed entries one by one when the disk is busy, else the whole
         // table; a kernel that keeps the old table is only a warning: the
@@ -282,7 +287,7 @@ private:
     // one of its partitions: an exclusive open of the same device fails.
     bool claimed_elsewhere() const
     {
-        const std::string self = "/proc/self/fd/" + std::to_string(fd_->get());
+        const std::string self = "/proc/self/fd/" + std::to_string(fd_.get());
         const UniqueFd probe(::open(self.c_str(), O_RDONLY | O_EXCL | O_CLOEXEC | O_NOCTTY));
         return probe.get() < 0 && errno == EBUSY;
     }
@@ -292,7 +297,7 @@ private:
     struct stat st_ {};
     bool in_use_ = false;
     bool assigned_ = false;
-    std::unique_ptr<UniqueFd> fd_;
+    UniqueFd fd_; // outlives the context, which only borrows it
     std::unique_ptr<fdisk_context, ContextFree> ctx_;
     std::unique_ptr<fdisk_table, TableFree> before_;
 };
