@@ -14,7 +14,7 @@ jobs=$(nproc 2>/dev/null || echo 2)
 
 packages=(
     g++ cmake make pkg-config
-    libicu-dev libnet1-dev libcrypt-dev nettle-dev
+    libicu-dev libnet1-dev libcrypt-dev nettle-dev libfdisk-dev
     libgtest-dev libgmock-dev libbenchmark-dev
 )
 # The fuzz targets are built with clang and its libFuzzer runtime.
