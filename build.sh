@@ -18,7 +18,7 @@ packages=(
     libgtest-dev libgmock-dev libbenchmark-dev
 )
 # The fuzz targets are built with clang and its libFuzzer runtime.
-test_packages=(clang libclang-rt-14-dev samba-common-bin)
+test_packages=(clang libclang-rt-14-dev samba-common-bin fdisk)
 # The tools the benchmarks compare against.
 bench_packages=(augeas-tools crudini git)
 
