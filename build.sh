@@ -17,8 +17,11 @@ packages=(
     libicu-dev libnet1-dev libcrypt-dev nettle-dev libfdisk-dev
     libgtest-dev libgmock-dev libbenchmark-dev
 )
-# The fuzz targets are built with clang and its libFuzzer runtime.
-test_packages=(clang libclang-rt-14-dev samba-common-bin fdisk)
+# The fuzz targets are built with clang and its libFuzzer runtime. Storage
+# tests run in a QEMU guest booted from this machine's kernel, with its
+# mdadm, e2fsprogs, quota tools and util-linux.
+test_packages=(clang libclang-rt-14-dev samba-common-bin
+    qemu-system-x86 linux-image-amd64 busybox-static mdadm e2fsprogs quota fdisk cpio kmod)
 # The tools the benchmarks compare against.
 bench_packages=(augeas-tools crudini git)
 
