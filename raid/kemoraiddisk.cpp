@@ -464,9 +464,17 @@ int disk_init(int disk, int type)
         if (!run_logged(shell_command("%s -N3 -uS -q -f -j" + std::to_string(KEMO_RAID_DISK_GAP_SECTORS) +
                                           " -z-1 -tfd -F %s >/dev/null 2>&1",
                                       {kPartitionTool, device}),
-                        __LINE__) ||
-            !run_logged(shell_command("dd if=/dev/zero of=%s count=16 > /dev/null 2>&1",
-                                      {part_name(disk, 2)}),
+                        __LINE__))
+            return 1;
+        // dd would create a plain file where the kernel has not made the
+        // partition's device.
+        struct stat st {};
+        if (::stat(part_name(disk, 2), &st) != 0 || !S_ISBLK(st.st_mode)) {
+            KEMO_RAID_LOG("%s(%d): %s is not a block device\n", part_name(disk, 2));
+            set_disk_error(KEMO_RAID_DISK_ERR_RESET);
+            return 1;
+        }
+        if (!run_logged(shell_command("dd if=/dev/zero of=%s count=16 > /dev/null 2>&1", {part_name(disk, 2)}),
                         __LINE__))
             return 1;
     }
