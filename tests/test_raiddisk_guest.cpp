@@ -225,6 +225,14 @@ TEST_F(Disks, SizesAndModelsComeFromTheDrives)
     EXPECT_EQ(KEMOLnxDiskGetModel("/dev/null", model, sizeof model), -1);
     EXPECT_EQ(KEMORaidDiskGetErr(), static_cast<uint32_t>(KEMO_RAID_DISK_ERR_MODEL));
 
+    int absent = 0;
+    EXPECT_EQ(KEMOLnxDiskProc("/sys/block/sdd", &absent), 0);
+    EXPECT_EQ(KEMOLnxDiskProc("/sys/block/sde", &absent), 1);
+    EXPECT_EQ(absent, KEMO_DISK_NONE);
+    uint32_t usable = 0;
+    ASSERT_EQ(KEMORaidDiskUsableSizeFromDisk(1, &usable), 0);
+    EXPECT_EQ(usable, KEMORaidDiskMDSizeFromPartitionSize(
+                          KEMORaidDiskPartitionSizeFromDiskSize(static_cast<uint32_t>(g_disk_bytes / 512))));
     uint32_t smallest = 0;
     ASSERT_EQ(KEMORaidDiskMinSizeGet(0xF, &smallest), 0);
     EXPECT_EQ(smallest, KEMORaidDiskPartitionSizeFromDiskSize(static_cast<uint32_t>(g_disk_bytes / 512)));
@@ -439,6 +447,29 @@ TEST_F(Disks, StatusFollowsTheArraysMdadmBuilt)
     EXPECT_EQ(disk_status(3, &d), static_cast<uint32_t>(KEMO_DISK_SYSTEM_MISSING)) << "data member only";
     EXPECT_EQ(d.dataVolumeMask, 2u);
     EXPECT_EQ(KEMORaidDiskUnused(), 0);
+    int sys = -1, data = -1;
+    uint32_t volumes = 0x10;
+    ASSERT_EQ(KEMORAIDStatusGetSYS(&sys, 2), 0);
+    EXPECT_EQ(sys, 2);
+    ASSERT_EQ(KEMORAIDStatusGetDATA(&data, &volumes, 3), 0);
+    EXPECT_EQ(data, 0);
+    EXPECT_EQ(volumes, 0x12u) << "the volume's bit is ORed in";
+    ASSERT_EQ(KEMORAIDStatusGetDATA(&data, &volumes, 2), 0);
+    EXPECT_EQ(data, 1) << "in no data array";
+
+    // Members as the md driver lists them: active and in sync, faulty, and
+    // in sync without being active (which no array reports).
+    const KEMORAIDMEMBER members[] = {{8, 3, 2 | 4}, {8, 19, 1}};
+    KEMORAIDVOL masks {};
+    ASSERT_EQ(DecideRAIDDiskStatus(2, members, 2, &masks), 0);
+    EXPECT_EQ(masks.memberMask, 3u);
+    EXPECT_EQ(masks.activeMask, 1u);
+    EXPECT_EQ(masks.faultyMask, 2u);
+    EXPECT_EQ(masks.activeDisks, 1);
+    const KEMORAIDMEMBER odd[] = {{8, 3, 4}};
+    EXPECT_NE(DecideRAIDDiskStatus(2, odd, 1, &masks), 0);
+    const KEMORAIDMEMBER stranger[] = {{7, 0, 2}};
+    EXPECT_NE(DecideRAIDDiskStatus(2, stranger, 1, &masks), 0) << "a member on no internal disk";
 
     KEMORAIDVOL vol {};
     ASSERT_EQ(KEMORaidVolStatus(2, &vol), 0);
