@@ -5,6 +5,9 @@
 #   ./build.sh test    install what is needed, build, and run the whole test
 #                      suite, once plainly and once under ASan+UBSan, then
 #                      a short run of every fuzz target
+#   ./build.sh demo-storage
+#                      install, build, and tour the disk functions in a
+#                      virtual appliance with four blank disks
 #   ./build.sh bench   install, build (Release) and run the benchmarks
 #   ./build.sh deps    only install the packages
 set -euo pipefail
@@ -17,13 +20,14 @@ packages=(
     libicu-dev libnet1-dev libcrypt-dev nettle-dev libfdisk-dev
     libgtest-dev libgmock-dev libbenchmark-dev
 )
-# The fuzz targets are built with clang and its libFuzzer runtime. Storage
-# tests run in a QEMU guest booted from this machine's kernel, with its
-# mdadm, e2fsprogs, quota tools and util-linux.
-test_packages=(clang libclang-rt-14-dev samba-common-bin
-    qemu-system-x86 linux-image-amd64 busybox-static mdadm e2fsprogs quota fdisk cpio kmod)
+# The virtual appliance: a QEMU guest booted from this machine's kernel,
+# with its mdadm, e2fsprogs, quota tools and util-linux.
+guest_packages=(qemu-system-x86 linux-image-amd64 busybox-static mdadm e2fsprogs quota fdisk cpio kmod)
+# The fuzz targets are built with clang and its libFuzzer runtime; storage
+# tests run in the virtual appliance.
+test_packages=(clang libclang-rt-14-dev samba-common-bin "${guest_packages[@]}")
 # The tools the benchmarks compare against.
-bench_packages=(augeas-tools crudini git)
+bench_packages=(augeas-tools crudini git fdisk)
 
 need_root() {
     if [ "$(id -u)" -ne 0 ]; then
@@ -46,6 +50,18 @@ deps() { # deps [extra packages...]
     fi
 }
 
+# in_guest BUILD PROGRAM [ARGS...]: runs a program of that build in the
+# virtual appliance (four blank disks), with the build's appliance programs
+# at their paths.
+in_guest() {
+    local dir=$top/$1
+    shift
+    "$top/tests/guest/kemo-guest" --build "$dir" \
+        --program "$dir/tools/get_key_value:/bin/get_key_value" \
+        --program "$dir/tools/set_key_value:/bin/set_key_value" \
+        --program "$dir/tools/sfdisk:/sbin/sfdisk" -- "$@"
+}
+
 build() { # build DIR [cmake options...]
     local dir=$1
     shift
@@ -62,6 +78,11 @@ demo)
     build build -DKEMO_BUILD_BENCH=OFF
     export KEMO_SANDBOX_EXPOSE="$top"
     exec build/tools/sandbox/kemo-sandbox -- env PATH="$top/build/tools:$top/build/tools/sandbox:$PATH" sh "$top/tools/tour.sh"
+    ;;
+demo-storage)
+    deps "${guest_packages[@]}"
+    build build -DKEMO_BUILD_BENCH=OFF -DKEMO_BUILD_TESTS=OFF
+    in_guest build env PATH="$top/build/tools:/sbin:/bin:/usr/sbin:/usr/bin" sh "$top/tools/tour_storage.sh"
     ;;
 test)
     deps "${test_packages[@]}"
@@ -96,9 +117,13 @@ bench)
             "$b"
         fi
     done
+    # What runs on the appliance's disks is measured in the virtual
+    # appliance.
+    deps "${guest_packages[@]}"
+    in_guest build-release build-release/bench/guest_bench_disk_status
     ;;
 *)
-    sed -n '2,10p' "$0" | sed 's/^# \{0,1\}//'
+    sed -n '2,12p' "$0" | sed 's/^# \{0,1\}//'
     exit 2
     ;;
 esac

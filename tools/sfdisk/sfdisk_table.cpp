@@ -389,6 +389,9 @@ void reset_table(const Options &o)
 void list_partitions(const Options &o)
 {
     Disk disk(o, false);
+    // Entry n of a disk without it (or without a table) lists as nothing:
+    // the status tells, and no message adds to the caller's standard error.
+    if (o.partno && !disk.has_label()) throw Failure(kFailed, "");
     disk.require_dos(false);
     auto line = [&](std::size_t number, const Entry &e) {
         const std::unique_ptr<char, MallocFree> name(fdisk_partname(o.device.c_str(), number));
@@ -398,7 +401,7 @@ void list_partitions(const Options &o)
     };
     if (o.partno) {
         const std::optional<Entry> e = disk.entry(*o.partno - 1);
-        if (!e) throw Failure(kFailed, o.quiet ? "" : o.device + ": no partition " + std::to_string(*o.partno));
+        if (!e) throw Failure(kFailed, "");
         line(*o.partno, *e);
         return;
     }
