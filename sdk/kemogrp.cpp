@@ -202,7 +202,7 @@ PKLIBGROUP group_record(const char *name)
         return fail<PKLIBGROUP>(nullptr, ERR_NO_SUCH_GROUP);
     Group g;
     g.name = name;
-    g.passwd = "x";
+    g.passwd.push_back('x'); // (assigning the literal trips a false -Wrestrict of g++ 12 at -O2)
     g.gid = -1;
     for (int i = 0; i < list.p->nItem; ++i)
         if (!is_sentinel(list.p->pszItem[i]))
