@@ -12,24 +12,31 @@
 #include <string>
 #include <unistd.h>
 
-void kemo::log(const char *fmt, ...) noexcept
+namespace {
+
+void vlog(int priority, const char *fmt, std::va_list args) noexcept
 {
     const int saved = errno;
+    ::vsyslog(priority, fmt, args);
+    errno = saved;
+}
+
+} // namespace
+
+void kemo::log(const char *fmt, ...) noexcept
+{
     std::va_list args;
     va_start(args, fmt);
-    ::vsyslog(LOG_ERR, fmt, args);
+    vlog(LOG_ERR, fmt, args);
     va_end(args);
-    errno = saved;
 }
 
 void kemo::log_at(int priority, const char *fmt, ...) noexcept
 {
-    const int saved = errno;
     std::va_list args;
     va_start(args, fmt);
-    ::vsyslog(priority, fmt, args);
+    vlog(priority, fmt, args);
     va_end(args);
-    errno = saved;
 }
 
 extern "C" {

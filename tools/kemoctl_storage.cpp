@@ -135,32 +135,36 @@ int cmd_disk_status(const Args &args)
     return 0;
 }
 
-int cmd_disk_init(const Args &args)
+namespace {
+
+// "disk init|clean SLOT system|data|all" through the library function that
+// does it.
+int change_disk(const Args &args, std::string_view verb, int (*change)(int, int))
 {
+    const std::string what = "disk " + std::string(verb);
     if (args.size() != 2)
-        return usage_error("disk init needs SLOT system|data|all");
+        return usage_error(what + " needs SLOT system|data|all");
     const auto disk = slot_of(args[0]);
     const auto kind = kind_of(args[1]);
     if (!disk || !kind)
-        return usage_error("disk init needs SLOT (1-4) and system, data or all");
+        return usage_error(what + " needs SLOT (1-4) and system, data or all");
     KEMORaidIDiskSetErr(0);
-    if (KEMORaidDiskInit(*disk, *kind) != 0)
-        return disk_failure("initialising slot " + std::string(args[0]));
+    if (change(*disk, *kind) != 0)
+        return disk_failure(std::string(verb == "init" ? "initialising" : "cleaning") + " slot " +
+                            std::string(args[0]));
     return 0;
+}
+
+} // namespace
+
+int cmd_disk_init(const Args &args)
+{
+    return change_disk(args, "init", KEMORaidDiskInit);
 }
 
 int cmd_disk_clean(const Args &args)
 {
-    if (args.size() != 2)
-        return usage_error("disk clean needs SLOT system|data|all");
-    const auto disk = slot_of(args[0]);
-    const auto kind = kind_of(args[1]);
-    if (!disk || !kind)
-        return usage_error("disk clean needs SLOT (1-4) and system, data or all");
-    KEMORaidIDiskSetErr(0);
-    if (KEMORaidDiskClean(*disk, *kind) != 0)
-        return disk_failure("cleaning slot " + std::string(args[0]));
-    return 0;
+    return change_disk(args, "clean", KEMORaidDiskClean);
 }
 
 int cmd_disk_check_layout(const Args &args)
