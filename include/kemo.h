@@ -1415,7 +1415,8 @@ KEMO_API int DecideRAIDDiskStatus(int md, const KEMORAIDMEMBER *members, int cou
 KEMO_API int DecideRAIDVolStatus(int level, const KEMORAIDVOL *masks);
 /* The per-member size in KiB of /dev/md<md> (0..5).  0, or non-zero. */
 KEMO_API int KEMORaidComponentSize(int md, int64_t *kib);
-/* Data volumes (= disk slots), arrays (+2), highest array number (+1). */
+/* Data volumes (= disk slots); arrays (slots + 2: md0, md1 and one per
+ * slot); the highest array number (slots + 1). */
 KEMO_API int KEMOMaxVolGet(void);
 KEMO_API int KEMORaidMaxMDGet(void);
 KEMO_API int KEMORaidMaxMDIDGet(void);

@@ -45,7 +45,8 @@ const char *disk_proc(int disk) noexcept;     // "/sys/block/sda"
 // "maxdisks" of the defaults file, read in this process (the exported
 // KEMOMaxDiskGet runs /bin/get_key_value for the same value); 0 when absent.
 int max_disks() noexcept;
-// max_disks() + 3: the highest array number, as KEMORaidMaxMDIDGet.
+// max_disks() + 1: the highest array number (md0, md1 and one data array per
+// slot), as KEMORaidMaxMDIDGet.
 int max_md_id() noexcept;
 
 // ---- sizes ---------------------------------------------------------------

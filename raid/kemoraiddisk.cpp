@@ -170,7 +170,7 @@ int max_disks() noexcept
 
 int max_md_id() noexcept
 {
-    return max_disks() + 3;
+    return max_disks() + 1;
 }
 
 // ---- sizes -------------------------------------------------------------------

@@ -319,7 +319,7 @@ KEMO_API int KEMORaidMaxMDGet(void)
 
 KEMO_API int KEMORaidMaxMDIDGet(void)
 {
-    return KEMORaidMaxMDGet() + 1;
+    return KEMOMaxVolGet() + 1;
 }
 
 KEMO_API int KEMORaidIVolNumValid(int md)

@@ -179,12 +179,14 @@ TEST_F(Raid, SlotCountComesFromTheModelDefaults)
     EXPECT_EQ(KEMOMaxDiskMaskGet(), 0xFu);
     EXPECT_EQ(KEMOMaxVolGet(), 4);
     EXPECT_EQ(KEMORaidMaxMDGet(), 6);
-    EXPECT_EQ(KEMORaidMaxMDIDGet(), 7);
+    EXPECT_EQ(KEMORaidMaxMDIDGet(), 5) << "md0..md5";
     write_file("/etc.defaults/kemoinfo.conf", "maxdisks=\"40\"\n");
     EXPECT_EQ(KEMOMaxDiskMaskGet(), 0xFFFFFFFFu);
     write_file("/etc.defaults/kemoinfo.conf", "model=\"x\"\n");
     EXPECT_EQ(KEMOMaxDiskGet(), 0);
     EXPECT_EQ(KEMOMaxDiskMaskGet(), 0u);
+    EXPECT_EQ(KEMORaidMaxMDGet(), 2) << "the two system arrays";
+    EXPECT_EQ(KEMORaidMaxMDIDGet(), 1) << "the value callers replace by their default";
 }
 
 } // namespace
