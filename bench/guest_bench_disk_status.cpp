@@ -3,9 +3,9 @@
 // a data mirror, two blank.  Side by side:
 //   - diskstatus/ours: KEMORaidDiskStatus of the four slots as the library
 //     does it (the slot count read in the process);
-//   - diskstatus/pipe: the same plus one KEMOMaxDiskGet per slot, the
-//     "/bin/get_key_value" pipe that every status of the documented design
-//     starts for its count of arrays.
+//   - diskstatus/pipe: the same plus one KEMOMaxDiskGet per slot: the
+//     "/bin/get_key_value" pipe a status would start if it asked the
+//     exported function for its count of arrays.
 // The counter "processes" is what each iteration started (from the
 // kernel's count of forks in /proc/stat).
 #include "guest_only.hpp"
