@@ -48,6 +48,9 @@ int max_disks() noexcept;
 // max_disks() + 1: the highest array number (md0, md1 and one data array per
 // slot), as KEMORaidMaxMDIDGet.
 int max_md_id() noexcept;
+// The same count as the exported KEMOMaxDiskGet reads it: through
+// "/bin/get_key_value"; 0 (logged) when that fails.
+int max_disks_by_pipe();
 
 // ---- sizes ---------------------------------------------------------------
 uint32_t partition_size_from_disk(uint32_t disk_sectors) noexcept;
@@ -55,6 +58,9 @@ uint32_t md_size_from_partition(uint32_t part_sectors) noexcept;
 // part -1 for the whole disk.  0, or 1 with the disk error set.
 int disk_size(int disk, int part, uint32_t *sectors) noexcept;
 int usable_size_from_partition(int disk, int part, uint32_t *sectors) noexcept;
+int usable_size_from_disk(int disk, uint32_t *sectors) noexcept;
+// The smallest disk of the mask less the reserve, rounded to a cylinder.
+uint32_t min_partition_size(uint32_t disk_mask) noexcept;
 int disk_model(const char *device, char *buf, int len) noexcept;
 
 // ---- layout ----------------------------------------------------------------

@@ -116,6 +116,7 @@ void set_disk_error(uint32_t code) noexcept
 {
     g_disk_error = code;
     switch (code) {
+    case 0: break; // a reset, not a failure
     case KEMO_RAID_DISK_ERR_PARAM: KLIBErrSet(ERR_BAD_PARAMETERS); break;
     case KEMO_RAID_DISK_ERR_MODEL:
     case KEMO_RAID_DISK_ERR_SIZE: KLIBErrSet(ERR_DISK_IO_FAILED); break;
@@ -173,6 +174,25 @@ int max_md_id() noexcept
     return max_disks() + 1;
 }
 
+int max_disks_by_pipe()
+{
+    const auto command = shell_command("/bin/get_key_value %s %s", {kInfoDefaults, "maxdisks"});
+    if (!command)
+        return 0;
+    const ShellOutput out = shell_read(*command, Output::first_line);
+    if (!out.started || out.text.empty()) {
+        const int err = errno;
+        if (!out.started)
+            KEMO_RAID_LOG("%s(%d) Failed to popen cmd = '%s', errno=%s/%d.", command->c_str(), std::strerror(err),
+                          err);
+        else
+            KEMO_RAID_LOG("%s(%d) Failed to fgets cmd = '%s', errno=%s/%d.", command->c_str(), std::strerror(err),
+                          err);
+        return 0;
+    }
+    return std::atoi(out.text.substr(0, 63).c_str());
+}
+
 // ---- sizes -------------------------------------------------------------------
 
 uint32_t partition_size_from_disk(uint32_t disk_sectors) noexcept
@@ -228,6 +248,35 @@ int usable_size_from_partition(int disk, int part, uint32_t *sectors) noexcept
         return 1;
     *sectors = md_size_from_partition(size);
     return 0;
+}
+
+int usable_size_from_disk(int disk, uint32_t *sectors) noexcept
+{
+    uint32_t size = 0;
+    if (sectors == nullptr) {
+        set_disk_error(KEMO_RAID_DISK_ERR_PARAM);
+        return 1;
+    }
+    if (disk_size(disk, -1, &size) != 0)
+        return 1;
+    *sectors = md_size_from_partition(partition_size_from_disk(size));
+    return 0;
+}
+
+uint32_t min_partition_size(uint32_t disk_mask) noexcept
+{
+    const int disks = std::min(max_disks(), kMaxDisks);
+    uint32_t smallest = 0;
+    for (int disk = 0; disk < disks; ++disk) {
+        uint32_t size = 0;
+        if ((disk_mask & (1u << disk)) == 0 || disk_size(disk, -1, &size) != 0)
+            continue;
+        if (smallest == 0 || size < smallest)
+            smallest = size;
+    }
+    // With no disk measured this wraps to a huge size, which every later
+    // check of the disks themselves refuses.
+    return (smallest - KEMO_RAID_DISK_RESERVE) / KEMO_RAID_CYLINDER * KEMO_RAID_CYLINDER;
 }
 
 int disk_model(const char *device, char *buf, int len) noexcept
@@ -514,31 +563,12 @@ KEMO_API const char *KEMORaidIDiskProc(int disk)
 
 KEMO_API int KEMOMaxDiskGet(void)
 {
-    return kemo::edge(0, [] {
-        const auto command =
-            kemo::shell_command("/bin/get_key_value %s %s", {raid::kInfoDefaults, "maxdisks"});
-        if (!command)
-            return 0;
-        const kemo::ShellOutput out = kemo::shell_read(*command, kemo::Output::first_line);
-        if (!out.started) {
-            const int err = errno;
-            KEMO_RAID_LOG("%s(%d) Failed to popen cmd = '%s', errno=%s/%d.", command->c_str(), std::strerror(err),
-                          err);
-            return 0;
-        }
-        if (out.text.empty()) {
-            const int err = errno;
-            KEMO_RAID_LOG("%s(%d) Failed to fgets cmd = '%s', errno=%s/%d.", command->c_str(), std::strerror(err),
-                          err);
-            return 0;
-        }
-        return std::atoi(out.text.substr(0, 63).c_str());
-    });
+    return kemo::edge(0, [] { return raid::max_disks_by_pipe(); });
 }
 
 KEMO_API uint32_t KEMOMaxDiskMaskGet(void)
 {
-    const int n = KEMOMaxDiskGet();
+    const int n = kemo::edge(0, [] { return raid::max_disks_by_pipe(); });
     if (n >= 32)
         return UINT32_MAX;
     if (n <= 0)
@@ -582,15 +612,7 @@ KEMO_API uint32_t KEMORaidDiskMDSizeFromPartitionSize(uint32_t partSectors)
 
 KEMO_API int KEMORaidDiskUsableSizeFromDisk(int disk, uint32_t *sectors)
 {
-    uint32_t size = 0;
-    if (sectors == nullptr) {
-        raid::set_disk_error(KEMO_RAID_DISK_ERR_PARAM);
-        return 1;
-    }
-    if (raid::disk_size(disk, -1, &size) != 0)
-        return 1;
-    *sectors = raid::md_size_from_partition(raid::partition_size_from_disk(size));
-    return 0;
+    return raid::usable_size_from_disk(disk, sectors);
 }
 
 KEMO_API int KEMORaidDiskUsableSizeFromPartition(int disk, int part, uint32_t *sectors)
@@ -604,18 +626,7 @@ KEMO_API int KEMORaidDiskMinSizeGet(int diskMask, uint32_t *sectors)
         raid::set_disk_error(KEMO_RAID_DISK_ERR_PARAM);
         return 1;
     }
-    const int disks = std::min(raid::max_disks(), raid::kMaxDisks);
-    uint32_t smallest = 0;
-    for (int disk = 0; disk < disks; ++disk) {
-        uint32_t size = 0;
-        if ((diskMask & (1 << disk)) == 0 || raid::disk_size(disk, -1, &size) != 0)
-            continue;
-        if (smallest == 0 || size < smallest)
-            smallest = size;
-    }
-    // With no disk measured this wraps to a huge size, which every later
-    // check of the disks themselves refuses.
-    *sectors = (smallest - KEMO_RAID_DISK_RESERVE) / KEMO_RAID_CYLINDER * KEMO_RAID_CYLINDER;
+    *sectors = raid::min_partition_size(static_cast<uint32_t>(diskMask));
     return 0;
 }
 

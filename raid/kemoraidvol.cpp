@@ -107,6 +107,7 @@ void set_vol_error(uint32_t code) noexcept
 {
     g_vol_error = code;
     switch (code) {
+    case 0: break; // a reset, not a failure
     case KEMO_RAID_ERR_PARAM: KLIBErrSet(ERR_BAD_PARAMETERS); break;
     case KEMO_RAID_ERR_INACTIVE: KLIBErrSet(ERR_DEV_UNCONFIG); break;
     default: KLIBErrSet(ERR_OP_FAILURE); break;
@@ -309,17 +310,17 @@ KEMO_API int KEMORaidComponentSize(int md, int64_t *kib)
 
 KEMO_API int KEMOMaxVolGet(void)
 {
-    return KEMOMaxDiskGet();
+    return kemo::edge(0, [] { return raid::max_disks_by_pipe(); });
 }
 
 KEMO_API int KEMORaidMaxMDGet(void)
 {
-    return KEMOMaxVolGet() + 2;
+    return kemo::edge(0, [] { return raid::max_disks_by_pipe(); }) + 2;
 }
 
 KEMO_API int KEMORaidMaxMDIDGet(void)
 {
-    return KEMOMaxVolGet() + 1;
+    return kemo::edge(0, [] { return raid::max_disks_by_pipe(); }) + 1;
 }
 
 KEMO_API int KEMORaidIVolNumValid(int md)
