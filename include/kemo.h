@@ -1100,6 +1100,11 @@ KEMO_API void KEMOShareGetCaseFree(char *stored);
 /* Names of the shares on data volume index volume ("/volume<volume+1>"),
  * two-call layout.  The count, or -1. */
 KEMO_API int KEMOShareEnumbyVolume(int volume, char **out, int size, int *needed);
+/* Deletes the count shares named (their smb.conf sections) in one change
+ * of the account files.  0, or -1 with every share kept. */
+KEMO_API int KEMOShareDelete(char **names, int count);
+/* 1 when path is an existing directory, 0 when it is not, -1 on failure. */
+KEMO_API int SDKICheckFolderState(const char *path);
 /* 1 when user may write share (not denied, and in the read-write list, or
  * the share is writeable to all and the user is not read-only); 0; -1. */
 KEMO_API int KEMOShareWriteableGet(const char *share, const char *user);
@@ -1429,6 +1434,271 @@ KEMO_API int KEMORaidVolDiskReserveSizeGet(uint32_t *sectors);
 KEMO_API int KEMORaidIDiskSizeLimitGet(uint64_t *kib);
 KEMO_API void KEMORaidISetErr(uint32_t code);
 KEMO_API uint32_t KEMORaidGetErr(void);
+
+/* Array administration.  Disk masks have bit d for disk d (0..3); part is a
+ * partition index (0 system, 1 swap, 2 data); levels are 0, 1 and 5.  Every
+ * number is checked before a command runs.  Results are 0 for success and
+ * 1 for failure (array error word set, one system log line) unless stated. */
+
+/* Creates an array of level over the part partitions of the disks in
+ * diskMask, with count members ("missing" for each absent one, "-f" for a
+ * single member), at the lowest free array number, into *md.  For data
+ * arrays a "/tmp/volume.<GiB>" limit caps the member size. */
+KEMO_API int KEMORaidDevCreate(int diskMask, int part, int level, int count, int *md);
+/* KEMORaidDevCreate on the data partitions. */
+KEMO_API int KEMORaidVolCreate(int diskMask, int level, int count, int *md);
+/* Adds disk's part partition to array md (system and swap partitions must
+ * have the exact layout size: error 10). */
+KEMO_API int KEMORaidDevDiskAdd(int md, int disk, int part);
+KEMO_API int KEMORaidVolDiskAdd(int md, int disk);    /* data partition */
+KEMO_API int KEMORaidVolDiskAddSys(int disk);         /* md0, partition 1 */
+KEMO_API int KEMORaidVolDiskAddSwap(int disk);        /* md1, partition 2 */
+/* Marks disk's part partition faulty in array md and removes it; the
+ * member is gone from the array when this returns 0.  unused is ignored. */
+KEMO_API int KEMORaidDevDiskRemove(int md, int disk, int part, int unused);
+KEMO_API int KEMORaidVolDiskRemove(int md, int disk, int unused);
+/* The running data arrays: bit N of *dataMask for array N + 2, the first
+ * such N and their number.  Any pointer may be null, not all three. */
+KEMO_API int KEMORaidDevEnum(uint32_t *dataMask, int *firstIndex, int *count);
+/* The lowest array number the md driver reports as not active (error 2
+ * when there is none). */
+KEMO_API int KEMORaidVolFindUnusedID(int *md);
+/* Unmounts, stops and clears array md (0..5): every member's superblock is
+ * zeroed.  Error 1, 3, 5 (superblock clear refused), 7 (unmount) or 8
+ * (stop). */
+KEMO_API int KEMORaidVolDestroy(int md);
+/* For a RAID 1 or 5 array: *newKiB the member size its disks allow (capped
+ * by a "/tmp/volume.<GiB>" limit); returns 1 when that is more than the
+ * size in use, 0 when not, -1 on failure (error 2 for another level). */
+KEMO_API int KEMORaidVolExpansible(int md, uint64_t *newKiB);
+/* Grows array md to the size KEMORaidVolExpansible allows.  0, or 1
+ * (error 9 the command could not start, 3 it failed). */
+KEMO_API int KEMORaidVolExpand(int md);
+/* Changes the member count of array md to count (mdadm --grow
+ * --raid-disks). */
+KEMO_API int KEMORaidVolDiskCountChange(int md, int count);
+/* Lays the system layout on every present disk and creates the system
+ * (md0) and swap (md1) arrays over them.  0, or 1. */
+KEMO_API int KEMORaidSystemInit(void);
+/* The smallest disk, in sectors, that can replace a member of the RAID 1
+ * or 5 array described by record (2634916 + 2 x componentKiB).  0; 1 for
+ * another level (no error code) or a null pointer (error 1). */
+KEMO_API int KEMORaidVolRepairMinDisk(const KEMORAIDVOL *record, uint64_t *minSectors);
+/* The number of arrays /proc/mdstat lists (md0 .. the highest number). */
+KEMO_API int KEMORaidVolCount(int *count);
+/* The number of bits set among bits 0..3 of mask. */
+KEMO_API int KEMORaidVolDiskCount(uint32_t mask);
+/* 1 while md0 or md1 is being rebuilt, else 0. */
+KEMO_API int KEMORaidSystemRebuilding(void);
+
+/* ------------------------------------------------------------------------ */
+/* Volumes                                                                   */
+/* ------------------------------------------------------------------------ */
+/* A volume is the file system on a data array, mounted at /volume1 ..
+ * /volume4.  Volume ids are 1..4 ("/volume<id>"); volume indexes are 0..3
+ * (index N is /dev/md<N+2> mounted at /volume<N+1>).  The index functions
+ * set the volume module's error word (KEMOVolGetErr, codes below). */
+
+/* One volume; KEMOVOLINFOLIST when chained (next owned by the list). */
+typedef struct KEMOVOLINFO {
+    int32_t svi_id;              /* volume id, or index for the index functions */
+    char svi_device[16];         /* the mounted device, e.g. /dev/md2 */
+    int32_t svi_status;          /* 1 mounted, 0 not */
+    char svi_mount_point[32];    /* "/volume1" .. */
+    uint64_t svi_avail_bytes;    /* blocks available to users x block size */
+    uint64_t svi_total_bytes;    /* total blocks x block size */
+    int32_t svi_writeable;       /* 0 mounted read-only, else 1 */
+    struct KEMOVOLINFO *next;
+} KEMOVOLINFO, *PKEMOVOLINFO, KEMOVOLINFOLIST, *PKEMOVOLINFOLIST;
+
+/* Volume module error codes (KEMOVolGetErr). */
+#define KEMO_VOL_ERR_PARAM 1
+#define KEMO_VOL_ERR_COMMAND 2      /* a command could not run, or enumeration failed */
+#define KEMO_VOL_ERR_NOT_MOUNTED 3
+#define KEMO_VOL_ERR_MOUNTED 4
+#define KEMO_VOL_ERR_MOUNT 5
+#define KEMO_VOL_ERR_MKFS 6
+#define KEMO_VOL_ERR_STATFS 7
+#define KEMO_VOL_ERR_NO_SPACE 9     /* no room for the mount directory */
+#define KEMO_VOL_ERR_MKDIR 10
+#define KEMO_VOL_ERR_STAT 11
+
+/* 1 for a volume index 0..3. */
+KEMO_API int KEMOVolIVolIDValid(int index);
+/* Volume index's device, mount point and (when mounted) sizes.  0, or -1
+ * (error 1 bad index, 2 the mount table could not be read, 7 statfs). */
+KEMO_API int KEMOVolRaidGetInfo(int index, PKEMOVOLINFO record);
+/* The mounted data volumes: bit N of *mask for index N, their number and
+ * the first index.  Any pointer may be null, not all three.  0, or -1. */
+KEMO_API int KEMOVolRaidEnum(uint32_t *mask, int *first, int *count);
+KEMO_API void KEMOVolISetErr(uint32_t code);
+KEMO_API uint32_t KEMOVolGetErr(void);
+
+struct statfs;
+/* The file-system statistics of mounted volume index (error 3 not mounted,
+ * 7 statfs failed).  0, or -1. */
+KEMO_API int KEMOVolStatfs(int index, struct statfs *out);
+/* Makes the file system of volume index on /dev/md<index+2> and mounts it
+ * at /volume<index+1>: fsKind 3 runs "mke2fs -P option", 4 "mkfs.ext3 -P
+ * option" (option: the progress file prefix, "/tmp/mkfs.progress").  0, or
+ * -1 (error 1, 2, 4 already mounted, 5, 6, 9, 10, 11). */
+KEMO_API int KEMOVolInit(int index, int fsKind, const char *option);
+/* Unmounts volume index.  0, or -1 (error 1 or 2). */
+KEMO_API int KEMOVolStop(int index);
+/* The size of a block device in 512-byte sectors.  0, or -1. */
+KEMO_API int KEMOVolDevSize(const char *device, uint64_t *sectors);
+/* 0 when the ext file system on device can grow into its device, -1 when
+ * it cannot or the check failed. */
+KEMO_API int KEMOVolExpansible(const char *device);
+/* Grows the file system on device to its device's size, reporting progress
+ * in /tmp/resize2fs.progress.{extend,scan}.<device name>.  0, or -1. */
+KEMO_API int KEMOVolExpand(const char *device);
+/* The percent done of the file-system grow of name ("md2"), from its two
+ * progress files.  0, or -1. */
+KEMO_API int KEMOVolExpandProgress(const char *name, int *percent);
+/* The percent done of making the file system of volume index, from
+ * /tmp/mkfs.progress.md<index+2>; 0 before anything was written, -1 when
+ * the maker is not running and left no progress. */
+KEMO_API int KEMOVolFSInitStatusGet(int index);
+
+/* Library-wide error codes of the volume-id functions. */
+#define KEMO_ERR_VOL_PATH 0x9900 /* the path names no place inside a volume */
+
+/* Health values (KEMOVolHealthCheck). */
+#define KEMO_VOL_UNMOUNTED 0
+#define KEMO_VOL_READONLY 1
+#define KEMO_VOL_WRITEABLE 2
+
+/* 1 for a volume id 1..4. */
+KEMO_API int KEMOVolIDCheck(int id);
+/* N for a path "/volume<N>/<more>"; -1 (ERR_BAD_PARAMETERS, or
+ * KEMO_ERR_VOL_PATH for a path of another form). */
+KEMO_API int KEMOVolIDParse(const char *path);
+/* The mount of volume id from the mount table: device, mount point,
+ * writeable, sizes (svi_status 0 when not mounted).  0, or -1. */
+KEMO_API int KEMOVolInfoGet(int id, PKEMOVOLINFO record);
+/* The mounted /volume<digit> file systems, sorted by id (only the first
+ * with firstOnly).  NULL when there are none or on failure (error code
+ * set then).  Free with KEMOMountVolInfoFree. */
+KEMO_API PKEMOVOLINFOLIST KEMOMountVolInfoGet(int firstOnly);
+/* Sorts the chain ascending by svi_id in place; returns the new head. */
+KEMO_API PKEMOVOLINFOLIST KEMOMountVolInfoSort(PKEMOVOLINFOLIST list);
+KEMO_API void KEMOMountVolInfoFree(PKEMOVOLINFOLIST list);
+/* *health = KEMO_VOL_* of volume id.  0, or -1. */
+KEMO_API int KEMOVolHealthCheck(int id, int *health);
+/* The first writeable volume id, or 0. */
+KEMO_API int KEMOVolGetWriteableVolID(void);
+/* 1 when no mounted volume is writeable, else 0. */
+KEMO_API int KEMOVolNoVolume(void);
+/* The first writeable volume id whose "/volume<id><relativePath>" is a
+ * directory; 0 when none is; -1 (ERR_BAD_PARAMETERS) for a path that does
+ * not begin with "/". */
+KEMO_API int KEMOVolAllVolumeScan(const char *relativePath);
+/* 1 when "supportraid" of the defaults file is "yes" (any case). */
+KEMO_API int KEMOSupportRAID(void);
+/* For an array status: 1 a single-disk RAID 0, 2 a single-member RAID 1,
+ * 3 an unhealthy array recorded as non-RAID ("md<N>_level" 99), else 0. */
+KEMO_API int KEMOVolIsNonRAID(const KEMORAIDVOL *status);
+
+/* Progress of creating a volume ("/tmp/raid_add_init_volume.tmp", key
+ * STEP), as VolInitStatusGet fills it. */
+#define KEMO_INIT_START 0
+#define KEMO_INIT_FINISH 1
+#define KEMO_INIT_ERROR 2
+#define KEMO_INIT_DISKINIT 3
+#define KEMO_INIT_MDSYNC 4
+#define KEMO_INIT_VOLINIT 5
+#define KEMO_INIT_DEFINIT 6
+typedef struct KEMOVOLINITSTATUS {
+    int32_t step;         /* KEMO_INIT_* */
+    int32_t diskPercent;
+    float syncPercent;
+    int32_t fsPercent;
+    float finalPercent;
+} KEMOVOLINITSTATUS, *PKEMOVOLINITSTATUS;
+
+/* 0 (record filled), -1 failure, -2 no volume is being created. */
+KEMO_API int VolInitStatusGet(PKEMOVOLINITSTATUS status);
+/* 1 while a volume is being created / repaired / grown (and, when
+ * processName is not NULL, a process of that name is alive), else 0. */
+KEMO_API int BlAddIsApplying(const char *processName);
+KEMO_API int BlRepairIsApplying(const char *processName);
+KEMO_API int BlExpandIsApplying(const char *processName);
+/* The resync or rebuild percent of array md: the percent while it runs,
+ * -1.0 while it waits, 100.0 when the array is in sync, -2.0 when it is
+ * degraded or crashed and not rebuilding.  0, or -1 (null pointer). */
+KEMO_API int MDSyncProgress(int md, float *percent);
+/* Remounts the file system of a crashed array device read-only (services
+ * stopped around it).  0, or -1 when it is not mounted or already
+ * read-only. */
+KEMO_API int KEMORemountCrashRaidRo(const char *device);
+/* Start-up scan: data arrays that lost every member are unmounted and their
+ * services and shares removed; crashed arrays are remounted read-only.
+ * Returns the number of arrays removed. */
+KEMO_API int KEMOVolRemoveStaleVolumes(void);
+
+/* ------------------------------------------------------------------------ */
+/* User quotas                                                               */
+/* ------------------------------------------------------------------------ */
+/* Users' space limits on the data volumes: the kernel's user quotas in the
+ * "vfsv0" format.  Amounts are megabytes. */
+
+/* Quota error codes (no entry in rgszErrMsg). */
+#define KEMO_ERR_QUOTA_OFF 0x9100       /* quotas not enabled on the device */
+#define KEMO_ERR_QUOTA_INVALID 0x9200   /* the kernel refused the request */
+#define KEMO_ERR_QUOTA_REMOUNT 0x9300
+#define KEMO_ERR_QUOTA_CHECK 0x9400
+#define KEMO_ERR_QUOTA_ON 0x9500
+#define KEMO_ERR_QUOTA_SHELL 0x9600
+#define KEMO_ERR_QUOTA_ENUM 0x9700
+
+/* One user's quota on a device. */
+typedef struct KEMOQUOTA {
+    float limitMB; /* 0: no limit */
+    float usedMB;
+} KEMOQUOTA, *PKEMOQUOTA;
+
+/* 1 when "supportquota" of the defaults file is "yes" (any case). */
+KEMO_API int KEMOSupportQUOTA(void);
+/* Switches user and group quotas on for mounted volume number volume
+ * ("/volume<volume>"): remount with the quota options, quotacheck, quotaon.
+ * 0, or -1 (ERR_BAD_PARAMETERS not mounted, KEMO_ERR_QUOTA_*). */
+KEMO_API int KEMOQuotaInit(int volume);
+/* User name's limit and use on block device.  name is a local user or a
+ * domain user (DOMAIN\name).  0, or -1. */
+KEMO_API int KEMOQuotaGet(const char *name, const char *device, PKEMOQUOTA reading);
+/* Sets user name's limit on device to *limitMB (0 removes it; stored in
+ * 1 KiB quota blocks).  0, or -1. */
+KEMO_API int KEMOQuotaSet(const char *name, const char *device, const float *limitMB);
+/* Removes the limits of every user of list on device (all are tried).  0,
+ * or -1 when any failed. */
+KEMO_API int KEMOQuotaClean(PKLIBSZLIST list, const char *device);
+/* KEMOQuotaClean on "/dev/hda3", the data partition of single-disk models. */
+KEMO_API int KEMOQuotaCleanOne(PKLIBSZLIST list);
+/* KEMOQuotaClean on every mounted data array.  0, or -1. */
+KEMO_API int KEMOQuotaCleanRAID(PKLIBSZLIST list);
+/* Switches user quotas off on device.  Always 0. */
+KEMO_API int KEMOQuotaOff(const char *device);
+/* The quota format number of device's user quotas (2 for vfsv0), or 0
+ * (error code set). */
+KEMO_API int KEMOQuotaFmtGet(const char *device);
+/* kind 0: value x 2^20; 1: / 2^20; 2 and 5: / 1024; 3 and 4: x 1024; other
+ * kinds 0.  Computed in single precision. */
+KEMO_API double KEMOUnitTrans(int kind, double value);
+
+/* ------------------------------------------------------------------------ */
+/* Services                                                                  */
+/* ------------------------------------------------------------------------ */
+/* The file and network services run from the control scripts of
+ * /usr/kemo/etc/rc.d. */
+
+/* 1 stops every service, 2 starts them ("rc.netservice stop|start").  0,
+ * or -1. */
+KEMO_API int KEMOServiceOnOffALL(int action);
+/* Takes the services registered on volume id 1..4 off it before it goes
+ * away: each is stopped through its control script and switched off.  0,
+ * or -1. */
+KEMO_API int KEMOServiceRemovebyVolume(int volume);
 
 /* ------------------------------------------------------------------------ */
 /* Configuration backup                                                      */

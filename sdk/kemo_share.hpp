@@ -21,5 +21,12 @@ int enumerate(char **out, int size, int *needed, int kinds);
 // the external SATA disk ("satashare", "satabackup").
 bool is_usb_section(std::string_view name) noexcept;
 bool is_sata_section(std::string_view name) noexcept;
+// KEMOShareEnumbyVolume with checked arguments.
+int enum_by_volume(int volume, char **out, int size, int *needed);
+// Deletes the shares named in one account transaction.  0, or -1 with the
+// error code set and every share kept.
+int remove(const std::vector<std::string> &names);
+// SDKICheckFolderState: 1 a directory, 0 not, -1 failure.
+int folder_state(const char *path);
 
 } // namespace kemo::share

@@ -1,0 +1,1 @@
+// (being written) The users' own limits in the configuration backup.

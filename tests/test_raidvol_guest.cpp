@@ -1,0 +1,2 @@
+#include "guest_only.hpp"
+KEMO_GUEST_ONLY_MAIN()

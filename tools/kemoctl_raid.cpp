@@ -1,0 +1,1 @@
+// (being written) kemoctl raid, volume and quota commands.
