@@ -52,14 +52,18 @@ deps() { # deps [extra packages...]
 
 # in_guest BUILD PROGRAM [ARGS...]: runs a program of that build in the
 # virtual appliance (four blank disks), with the build's appliance programs
-# at their paths.
+# at their paths (its settings programs, sfdisk, and the file-system tools
+# that write the volume functions' progress files).
 in_guest() {
     local dir=$top/$1
     shift
     "$top/tests/guest/kemo-guest" --build "$dir" \
         --program "$dir/tools/get_key_value:/bin/get_key_value" \
         --program "$dir/tools/set_key_value:/bin/set_key_value" \
-        --program "$dir/tools/sfdisk:/sbin/sfdisk" -- "$@"
+        --program "$dir/tools/sfdisk:/sbin/sfdisk" \
+        --program "$dir/tools/e2fs-progress:/sbin/mke2fs" \
+        --program "$dir/tools/e2fs-progress:/sbin/mkfs.ext3" \
+        --program "$dir/tools/e2fs-progress:/sbin/resize2fs" -- "$@"
 }
 
 build() { # build DIR [cmake options...]

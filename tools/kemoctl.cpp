@@ -22,6 +22,11 @@
 //   kemoctl backup export|check|import|list ... configuration backup files
 //   kemoctl hostname [NAME]               the host name, or sets it
 //
+//   kemoctl disk list|status|init|clean|check-layout ...   internal disks
+//   kemoctl raid create|status|add|remove|destroy|grow|expand|progress ...
+//   kemoctl volume list|info|health|init|expand ...        data volumes
+//   kemoctl quota on|get|set|clear ...    users' space limits on the volumes
+//
 // Changes to a file are made under its lock: the file-sharing lock for
 // /usr/kemo/etc/smb.conf, the settings lock for every other file.  The
 // account and share commands leave locking to the library.
@@ -280,6 +285,24 @@ constexpr Command kCommands[] = {
     {"disk init", "disk init SLOT system|data|all", cmd_disk_init},
     {"disk clean", "disk clean SLOT system|data|all", cmd_disk_clean},
     {"disk check-layout", "disk check-layout SLOT", cmd_disk_check_layout},
+    {"raid create", "raid create LEVEL SLOTS [COUNT]   (LEVEL 0|1|5, SLOTS like 1,2,3; COUNT members)",
+     cmd_raid_create},
+    {"raid status", "raid status [ARRAY]   (ARRAY 0-5: 2, md2 or /dev/md2)", cmd_raid_status},
+    {"raid add", "raid add ARRAY SLOT", cmd_raid_add},
+    {"raid remove", "raid remove ARRAY SLOT   (fails the member and takes it out)", cmd_raid_remove},
+    {"raid destroy", "raid destroy ARRAY   (unmounts, stops, clears the members)", cmd_raid_destroy},
+    {"raid grow", "raid grow ARRAY   (members to the size their disks allow)", cmd_raid_grow},
+    {"raid expand", "raid expand ARRAY COUNT   (the member count)", cmd_raid_expand},
+    {"raid progress", "raid progress", cmd_raid_progress},
+    {"volume list", "volume list", cmd_volume_list},
+    {"volume info", "volume info VOLUME_ID   (1-4: /dev/md2../dev/md5 at /volume1../volume4)", cmd_volume_info},
+    {"volume health", "volume health VOLUME_ID", cmd_volume_health},
+    {"volume init", "volume init VOLUME_ID [ext3|ext2]   (makes the file system and mounts it)", cmd_volume_init},
+    {"volume expand", "volume expand VOLUME_ID   (grows the file system to its array)", cmd_volume_expand},
+    {"quota on", "quota on VOLUME_ID", cmd_quota_on},
+    {"quota get", "quota get USER VOLUME_ID", cmd_quota_get},
+    {"quota set", "quota set USER VOLUME_ID MB   (0 removes the limit)", cmd_quota_set},
+    {"quota clear", "quota clear USER...   (on every volume)", cmd_quota_clear},
     {"help", "help", cmd_help},
 };
 

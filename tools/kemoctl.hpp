@@ -144,6 +144,25 @@ int cmd_disk_init(const Args &args);
 int cmd_disk_clean(const Args &args);
 int cmd_disk_check_layout(const Args &args);
 
+// RAID arrays, volumes and quotas (kemoctl_raid.cpp).
+int cmd_raid_create(const Args &args);
+int cmd_raid_status(const Args &args);
+int cmd_raid_add(const Args &args);
+int cmd_raid_remove(const Args &args);
+int cmd_raid_destroy(const Args &args);
+int cmd_raid_grow(const Args &args);
+int cmd_raid_expand(const Args &args);
+int cmd_raid_progress(const Args &args);
+int cmd_volume_list(const Args &args);
+int cmd_volume_info(const Args &args);
+int cmd_volume_health(const Args &args);
+int cmd_volume_init(const Args &args);
+int cmd_volume_expand(const Args &args);
+int cmd_quota_on(const Args &args);
+int cmd_quota_get(const Args &args);
+int cmd_quota_set(const Args &args);
+int cmd_quota_clear(const Args &args);
+
 // Users, groups and shares (kemoctl_accounts.cpp).
 int cmd_user_list(const Args &args);
 int cmd_user_show(const Args &args);
