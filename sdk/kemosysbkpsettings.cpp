@@ -7,6 +7,7 @@
 #include "kemo_io.hpp"
 #include "kemo_net.hpp"
 #include "kemo_sysbackup.hpp"
+#include "kemo_quota.hpp"
 
 #include <strings.h>
 #include <unistd.h>
@@ -135,8 +136,8 @@ constexpr Key kGrabdockKeys[] = {{"rungrabdock", Kind::yes_no},
                                  {"grabdock_share", Kind::text},
                                  {"grabdock_max_tasks", Kind::number}};
 constexpr Key kMySQLKeys[] = {{"runmysql", Kind::yes_no}, {"mysql_port", Kind::number}};
-// The quota switch and default limit only; the users' own limits are not
-// carried yet.
+// The quota switch and default limit; the users' own limits follow them in
+// the section's body (kemosysbkpquota.cpp).
 constexpr Key kUserQuotaKeys[] = {{"userquota", Kind::yes_no},
                                   {"userquota_default", Kind::number}};
 
@@ -461,6 +462,70 @@ int import_web(const char *fn, int fd, uint32_t version, int apply)
 }
 
 } // namespace
+
+// ------------------------------------------------------------ user quotas
+
+bool write_user_quota_settings(const char *fn, int fd)
+{
+    SettingPairs pairs;
+    {
+        const kemo::ConfigLock lock(KLIB_LOCK_KEMOINFO | KLIB_LOCK_SH);
+        if (!lock.held()) {
+            BKP_LOG(fn, "lock file failed");
+            return false;
+        }
+        for (const Key &key : kUserQuota.keys) {
+            std::optional<std::string> value;
+            if (!read_setting(kSettings, key.name, value)) {
+                BKP_LOG(fn, "fail to read %s from %s (%X)", key.name, kSettings, KLIBErrGet());
+                return false;
+            }
+            if (value)
+                pairs.emplace_back(key.name, std::move(*value));
+        }
+    }
+    if (write_long(fd, static_cast<int32_t>(pairs.size())) < 0) {
+        BKP_LOG(fn, "fail to write count");
+        return false;
+    }
+    for (const auto &[key, value] : pairs)
+        if (write_string(fd, key) < 0 || write_string(fd, value) < 0) {
+            BKP_LOG(fn, "fail to write %s", key.c_str());
+            return false;
+        }
+    return true;
+}
+
+bool read_user_quota_settings(const char *fn, int fd, SettingPairs &pairs)
+{
+    int32_t count = 0;
+    if (read_long(fd, count) < 0 || count < 0) {
+        BKP_LOG(fn, "fail to read count");
+        return false;
+    }
+    std::string key, value;
+    for (int32_t i = 0; i < count; ++i) {
+        if (!read_text(fd, key) || !read_text(fd, value)) {
+            BKP_LOG(fn, "fail to read pair %d of %d", i + 1, count);
+            return false;
+        }
+        for (const Key &k : kUserQuota.keys)
+            if (key == k.name) {
+                if (!value_ok(k.kind, value)) {
+                    BKP_LOG(fn, "invalid value for %s", k.name);
+                    return false;
+                }
+                pairs.emplace_back(key, value);
+            }
+    }
+    return true;
+}
+
+bool store_user_quota_settings(const char *fn, const SettingPairs &pairs)
+{
+    return pairs.empty() || store_settings(fn, pairs);
+}
+
 } // namespace kemo::sysbackup
 
 using namespace kemo::sysbackup;
@@ -527,7 +592,6 @@ KEMO_SETTINGS_SECTION(USBCopySet, kUSBCopy)
 KEMO_SETTINGS_SECTION(DCache, kDCache)
 KEMO_SETTINGS_SECTION(Grabdock, kGrabdock)
 KEMO_SETTINGS_SECTION(MySQL, kMySQL)
-KEMO_SETTINGS_SECTION(UserQuota, kUserQuota)
 
 #undef KEMO_SETTINGS_SECTION
 

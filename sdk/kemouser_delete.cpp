@@ -2,6 +2,7 @@
 // names in every member and access list go in one account transaction; the
 // system's accounts, root and admin always stay.
 #include "kemouser_internal.hpp"
+#include "kemo_quota.hpp"
 
 namespace kemo::accounts {
 
@@ -40,6 +41,7 @@ int delete_users(const char *const *names, int count)
     NameKeys dropped;
     MailEdit mail;
     std::vector<int32_t> pids;
+    std::vector<std::string> stored_names; // as /etc/passwd spells them
     for (int i = 0; i < count; ++i) {
         const char *name = names[i];
         if (name == nullptr || same_name(name, "root") || same_name(name, "admin") ||
@@ -50,14 +52,22 @@ int delete_users(const char *const *names, int count)
         if (account == accounts.end() || deleted.contains(key) ||
             system_account(passwd_file[account->second]))
             continue;
-        record_sessions(std::string(name_of(passwd_file[account->second])).c_str(), pids);
+        stored_names.emplace_back(name_of(passwd_file[account->second]));
+        record_sessions(stored_names.back().c_str(), pids);
         deleted.emplace(key, std::nullopt);
         dropped.add(key);
         mail.remove(key);
     }
     if (deleted.empty())
         return fail(0, ERR_INVALID_USERNAME);
-    // Clearing the deleted users' quotas goes here, before the files change.
+    // Their space limits go first, while the names still lead to the uids
+    // (a later account could be given the same uid).  A limit that cannot
+    // be cleared is logged and does not keep the account.
+    if (kemo::quota::supported()) {
+        const bool raid = equal_nocase(setting_of_defaults("supportraid"), "yes");
+        if ((raid ? kemo::quota::clean_raid(stored_names) : kemo::quota::clean_one(stored_names)) != 0)
+            KEMO_LOG("Quota Clean error.");
+    }
 
     Transaction txn;
     txn.stage(kPasswd, without_accounts(passwd_file, dropped));

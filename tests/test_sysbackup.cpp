@@ -726,4 +726,59 @@ TEST_F(BackupTest, ServicesSwitchThroughTheirScripts)
     EXPECT_EQ(import(file_header(0), KEMO_SYSBKP_ALL, 0), -1);
 }
 
+// ------------------------------------------------------------ user quotas
+
+// A limit entry of the user-quota section: name, volume id, quota blocks.
+std::string limit_entry(const std::string &name, int32_t volume, const std::string &blocks)
+{
+    return text_value(name) + long_value(volume) + text_value(blocks);
+}
+
+TEST_F(BackupTest, UserQuotaSectionCarriesItsKeysThenTheLimits)
+{
+    // No volume is mounted here: the keys and an empty list of limits.
+    EXPECT_EQ(exported(0x1000000),
+              file_header(0x1000000) +
+                  section(0x1000000,
+                          pairs_body({{"userquota", "no"}, {"userquota_default", "0"}}) + long_value(0)));
+    // Limits for volumes that are not mounted here are left out; the keys
+    // are restored all the same.
+    write_file("/etc/passwd", read_file("/etc/passwd") + "bob:x:1100:100::/:/bin/csh\n");
+    const std::string body = pairs_body({{"userquota", "yes"}, {"userquota_default", "512"}}) +
+                             long_value(2) + limit_entry("bob", 4, "1536") +
+                             limit_entry("nosuch", 3, "2048");
+    EXPECT_EQ(import(file_header(0x1000000) + section(0x1000000, body), 0x1000000, 1), 0);
+    EXPECT_EQ(gimp_status, KEMO_SYSBKP_ALL);
+    EXPECT_EQ(setting("userquota"), "yes");
+    EXPECT_EQ(setting("userquota_default"), "512");
+}
+
+TEST_F(BackupTest, UserQuotaEntriesOfAnyOtherFormAreRefusedWhole)
+{
+    write_file("/etc/passwd", read_file("/etc/passwd") + "bob:x:1100:100::/:/bin/csh\n");
+    const std::string keys = pairs_body({{"userquota", "yes"}});
+    const std::string good = limit_entry("bob", 4, "1536");
+    const std::string bad[] = {
+        limit_entry("bob", 0, "1536"),         limit_entry("bob", 5, "1536"),
+        limit_entry("bob", 4, "0"),            limit_entry("bob", 4, "01536"),
+        limit_entry("bob", 4, "-1536"),        limit_entry("bob", 4, "1536 "),
+        limit_entry("bob", 4, "1.5"),          limit_entry("bob", 4, "99999999999999999999"),
+        limit_entry("bob:x", 4, "1536"),       limit_entry("", 4, "1536"),
+        limit_entry("BOB", 4, "2048"),         // the same user and volume twice
+        text_value("bob") + long_value(4) + long_value(1536),
+    };
+    for (const std::string &entry : bad) {
+        const std::string body = keys + long_value(2) + good + entry;
+        EXPECT_EQ(import(file_header(0x1000000) + section(0x1000000, body), 0x1000000, 1), -1);
+        EXPECT_EQ(gimp_status, KEMO_SYSBKP_ALL & ~0x1000000u);
+        EXPECT_EQ(setting("userquota"), "no");
+    }
+    // A count that runs past the entries, or a negative one.
+    for (int32_t count : {3, -1}) {
+        const std::string body = keys + long_value(count) + good;
+        EXPECT_EQ(import(file_header(0x1000000) + section(0x1000000, body), 0x1000000, 1), -1);
+        EXPECT_EQ(setting("userquota"), "no");
+    }
+}
+
 } // namespace
