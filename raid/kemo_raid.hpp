@@ -12,6 +12,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 // The storage modules' diagnostics carry their own prefixes ("%s(%d)...",
 // "%s (%d) ..."): the format names them and this fills in file and line.
@@ -91,5 +92,45 @@ int vol_status(int md, KEMORAIDVOL &record);
 int decide_members(int md, const KEMORAIDMEMBER *members, int count, KEMORAIDVOL &masks);
 int decide_volume(int level, const KEMORAIDVOL &masks) noexcept;
 int component_size(int md, int64_t &kib);
+
+// The array size limit a root-owned "/tmp/volume.<GiB>" sets, in KiB: 0, or
+// 1 (kib 0) when there is none.
+int size_limit_kib(uint64_t &kib);
+// /proc/mdstat, read bounded; false when it cannot be read.
+bool read_mdstat(std::string &text);
+// A number the md driver shows in /sys/block/md<md>/md/<attribute>
+// ("chunk_size", "dev-sda3/offset" ...), or -1.
+int64_t md_number(int md, const std::string &attribute);
+// The md driver's view of one member partition of array md through sysfs
+// (/sys/block/md<md>/md/dev-<partition name>): whether it is listed, its
+// data offset in sectors (-1 unknown), its state written ("faulty",
+// "remove"), and the partition names of every listed member.
+bool member_listed(int md, const char *partition);
+int64_t member_offset(int md, const char *partition);
+bool set_member_state(int md, const char *partition, const char *state);
+std::vector<std::string> listed_members(int md);
+// The mount directory of a device ("" when it is not mounted); false when
+// the mount table cannot be read.
+bool mount_point(const std::string &device, std::string &dir);
+
+// Administration (kemoraidvol_admin.cpp).  0, or 1 with the array error set
+// and a line logged.
+int dev_create(uint32_t disk_mask, int part, int level, int count, int &md);
+int dev_disk_add(int md, int disk, int part);
+int dev_disk_remove(int md, int disk, int part);
+int dev_enum(uint32_t *data_mask, int *first, int *count);
+int find_unused_md(int &md);
+int vol_destroy(int md);
+int system_init();
+
+// Growing and counting (kemoraidvol_grow.cpp).
+// 1 expansible to new_kib, 0 not, -1 failure (array error set).
+int vol_expansible(int md, uint64_t &new_kib);
+int vol_expand(int md);
+int vol_disk_count_change(int md, int count);
+int repair_min_disk(const KEMORAIDVOL &record, uint64_t &min_sectors);
+int vol_count(int &count);
+int disk_count(uint32_t mask) noexcept;
+int system_rebuilding();
 
 } // namespace kemo::raid

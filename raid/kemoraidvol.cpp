@@ -3,8 +3,10 @@
 #include "kemo_raid.hpp"
 
 #include "kemo_io.hpp"
+#include "kemo_text.hpp"
 #include "kemomisc.hpp"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <glob.h>
 #include <linux/fs.h>
@@ -16,6 +18,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cstdio>
@@ -39,12 +42,53 @@ std::string md_device(int md)
     return "/dev/md" + std::to_string(md);
 }
 
-// The rebuild of an array is not followed here: state and progress are 0.
-int rebuild_info(int /*md*/, uint32_t &state, float &progress) noexcept
+// At most this much of a kernel text is read: /proc/mdstat of six arrays
+// and a sysfs attribute are far smaller.
+constexpr std::size_t kTextLimit = 64 * 1024;
+
+// The first bytes (at most limit) of a kernel file; false when it cannot be
+// opened or read.
+bool read_bounded(const std::string &path, std::string &text, std::size_t limit = kTextLimit)
+{
+    text.clear();
+    Fd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+    if (!fd)
+        return false;
+    char buf[4096];
+    while (text.size() < limit) {
+        const ssize_t n = ::read(fd.get(), buf, std::min(sizeof buf, limit - text.size()));
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0)
+            return false;
+        if (n == 0)
+            break;
+        text.append(buf, static_cast<std::size_t>(n));
+    }
+    return true;
+}
+
+// The resync, recovery or reshape of array md from /proc/mdstat: state 1
+// with the percent done while it runs, 2 while it waits its turn, else 0.
+int rebuild_info(int md, uint32_t &state, float &progress, bool &recovery)
 {
     state = 0;
     progress = 0;
+    recovery = false;
+    std::string mdstat;
+    if (!read_mdstat(mdstat))
+        return 1;
+    const text::MdSync sync = text::mdstat_sync(mdstat, md);
+    state = sync.state;
+    progress = sync.state == text::MdSync::running ? sync.percent : 0;
+    recovery = sync.state == text::MdSync::running && sync.recovery;
     return 0;
+}
+
+std::string member_dir(int md, const char *partition)
+{
+    const char *slash = std::strrchr(partition, '/');
+    return "/sys/block/md" + std::to_string(md) + "/md/dev-" + (slash != nullptr ? slash + 1 : partition);
 }
 
 // The per-member size in KiB that the driver reports as -1 when it does not
@@ -59,24 +103,6 @@ int64_t member_kib(int md, int reported)
     if (!in || std::fscanf(in.get(), "%lld", &kib) != 1)
         return reported;
     return kib;
-}
-
-// The mount point of device in the mount table, if it is mounted.
-bool mount_point(const std::string &device, std::string &dir)
-{
-    FilePtr table(::setmntent("/proc/mounts", "r"));
-    if (!table)
-        return false;
-    struct mntent entry {};
-    std::vector<char> buf(8192);
-    while (::getmntent_r(table.get(), &entry, buf.data(), static_cast<int>(buf.size())) != nullptr) {
-        if (device == entry.mnt_fsname) {
-            dir = entry.mnt_dir;
-            return true;
-        }
-    }
-    dir.clear();
-    return true;
 }
 
 // The members of the array behind fd, removed slots left out.
@@ -102,6 +128,78 @@ bool read_members(int fd, std::vector<KEMORAIDMEMBER> &members)
 }
 
 } // namespace
+
+bool mount_point(const std::string &device, std::string &dir)
+{
+    FilePtr table(::setmntent("/proc/mounts", "r"));
+    if (!table)
+        return false;
+    struct mntent entry {};
+    std::vector<char> buf(8192);
+    while (::getmntent_r(table.get(), &entry, buf.data(), static_cast<int>(buf.size())) != nullptr) {
+        if (device == entry.mnt_fsname) {
+            dir = entry.mnt_dir;
+            return true;
+        }
+    }
+    dir.clear();
+    return true;
+}
+
+bool read_mdstat(std::string &text)
+{
+    return read_bounded("/proc/mdstat", text);
+}
+
+bool member_listed(int md, const char *partition)
+{
+    struct stat st {};
+    return partition != nullptr && ::stat(member_dir(md, partition).c_str(), &st) == 0;
+}
+
+int64_t md_number(int md, const std::string &attribute)
+{
+    std::string text;
+    if (!read_bounded("/sys/block/md" + std::to_string(md) + "/md/" + attribute, text, 64))
+        return -1;
+    int64_t value = -1;
+    const char *end = text.data() + text.size();
+    const auto [at, ec] = std::from_chars(text.data(), end, value);
+    return ec == std::errc() && (at == end || *at == '\n') && value >= 0 ? value : -1;
+}
+
+int64_t member_offset(int md, const char *partition)
+{
+    if (partition == nullptr)
+        return -1;
+    const char *slash = std::strrchr(partition, '/');
+    return md_number(md, std::string("dev-") + (slash != nullptr ? slash + 1 : partition) + "/offset");
+}
+
+bool set_member_state(int md, const char *partition, const char *state)
+{
+    if (partition == nullptr)
+        return false;
+    Fd fd(::open((member_dir(md, partition) + "/state").c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW));
+    if (!fd)
+        return false;
+    const std::size_t length = std::strlen(state);
+    return ::write(fd.get(), state, length) == static_cast<ssize_t>(length);
+}
+
+std::vector<std::string> listed_members(int md)
+{
+    std::vector<std::string> names;
+    const std::string dir = "/sys/block/md" + std::to_string(md) + "/md";
+    DIR *entries = ::opendir(dir.c_str());
+    if (entries == nullptr)
+        return names;
+    while (const dirent *entry = ::readdir(entries))
+        if (std::strncmp(entry->d_name, "dev-", 4) == 0)
+            names.push_back(std::string("/dev/") + (entry->d_name + 4));
+    ::closedir(entries);
+    return names;
+}
 
 void set_vol_error(uint32_t code) noexcept
 {
@@ -178,11 +276,6 @@ int vol_status(int md, KEMORAIDVOL &record)
         set_vol_error(KEMO_RAID_ERR_COMMAND);
         return 1;
     }
-    if (rebuild_info(md, record.rebuildState, record.rebuildProgress) != 0) {
-        KEMO_RAID_LOG("%s(%d) cannot get sync info of /dev/md%d\n", md);
-        set_vol_error(KEMO_RAID_ERR_COMMAND);
-        return 1;
-    }
     mdu_array_info_t info {};
     uint64_t bytes = 0;
     const auto detail_failed = [&](bool size_query) {
@@ -203,6 +296,14 @@ int vol_status(int md, KEMORAIDVOL &record)
         return detail_failed(false);
     if (::ioctl(fd.get(), BLKGETSIZE64, &bytes) != 0)
         return detail_failed(true);
+    // After the array information, so that an inactive array is reported
+    // as such whatever /proc/mdstat says.
+    bool recovery = false;
+    if (rebuild_info(md, record.rebuildState, record.rebuildProgress, recovery) != 0) {
+        KEMO_RAID_LOG("%s(%d) cannot get sync info of /dev/md%d\n", md);
+        set_vol_error(KEMO_RAID_ERR_COMMAND);
+        return 1;
+    }
 
     std::vector<KEMORAIDMEMBER> members;
     if (!read_members(fd.get(), members)) {
@@ -229,6 +330,17 @@ int vol_status(int md, KEMORAIDVOL &record)
         return 1;
     }
     record.volStatus = decide_volume(record.level, record);
+    // A member being rebuilt is listed with state 0 and so counted as
+    // active; until the rebuild ends the array has no redundancy to spare,
+    // and calling it normal would invite pulling another disk.
+    if (recovery && record.volStatus == 0)
+        record.volStatus = 1;
+    // An array without redundancy that lost a member keeps listing it as
+    // active; the driver marks the whole array broken instead.
+    std::string state;
+    if (read_bounded("/sys/block/md" + std::to_string(md) + "/md/array_state", state, 64) &&
+        state.starts_with("broken"))
+        record.volStatus = 2;
     return 0;
 }
 
@@ -262,6 +374,26 @@ int component_size(int md, int64_t &kib)
         return 1;
     }
     kib = member_kib(md, info.size);
+    return 0;
+}
+
+int size_limit_kib(uint64_t &kib)
+{
+    kib = 0;
+    glob_t found {};
+    const int rc = ::glob("/tmp/volume.*", 0, nullptr, &found);
+    std::string first = rc == 0 && found.gl_pathc > 0 ? found.gl_pathv[0] : "";
+    ::globfree(&found);
+    // /tmp is writable by everyone: only a limit that root set counts.
+    struct stat st {};
+    if (first.empty() || ::lstat(first.c_str(), &st) != 0 || st.st_uid != 0 || !S_ISREG(st.st_mode))
+        return 1;
+    const std::string_view digits = std::string_view(first).substr(first.rfind('.') + 1);
+    uint64_t gib = 0;
+    const auto [end, ec] = std::from_chars(digits.data(), digits.data() + digits.size(), gib);
+    if (ec != std::errc() || end != digits.data() + digits.size() || gib > (UINT64_MAX >> 20))
+        return 1;
+    kib = gib << 20;
     return 0;
 }
 
@@ -345,23 +477,7 @@ KEMO_API int KEMORaidIDiskSizeLimitGet(uint64_t *kib)
         return 1;
     }
     *kib = 0;
-    return kemo::edge(1, [&] {
-        glob_t found {};
-        const int rc = ::glob("/tmp/volume.*", 0, nullptr, &found);
-        std::string first = rc == 0 && found.gl_pathc > 0 ? found.gl_pathv[0] : "";
-        ::globfree(&found);
-        // /tmp is writable by everyone: only a limit that root set counts.
-        struct stat st {};
-        if (first.empty() || ::lstat(first.c_str(), &st) != 0 || st.st_uid != 0 || !S_ISREG(st.st_mode))
-            return 1;
-        const std::string_view digits = std::string_view(first).substr(first.rfind('.') + 1);
-        uint64_t gib = 0;
-        const auto [end, ec] = std::from_chars(digits.data(), digits.data() + digits.size(), gib);
-        if (ec != std::errc() || end != digits.data() + digits.size() || gib > (UINT64_MAX >> 20))
-            return 1;
-        *kib = gib << 20;
-        return 0;
-    });
+    return kemo::edge(1, [&] { return raid::size_limit_kib(*kib); });
 }
 
 KEMO_API void KEMORaidISetErr(uint32_t code)

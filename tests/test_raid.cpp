@@ -189,4 +189,88 @@ TEST_F(Raid, SlotCountComesFromTheModelDefaults)
     EXPECT_EQ(KEMORaidMaxMDIDGet(), 1) << "the value callers replace by their default";
 }
 
+TEST_F(Raid, ArrayAdministrationRefusesBadArgumentsBeforeMdadmRuns)
+{
+    write_file("/tmp/mdadm-bin/mdadm", "#!/bin/sh\necho \"$@\" >> /tmp/mdadm.calls\n", 0755);
+    ::setenv("PATH", "/tmp/mdadm-bin:/usr/sbin:/usr/bin:/sbin:/bin", 1);
+    const auto refused = [](int result, int failure = 1) {
+        EXPECT_EQ(result, failure);
+        EXPECT_EQ(KEMORaidGetErr(), static_cast<uint32_t>(KEMO_RAID_ERR_PARAM));
+        KEMORaidISetErr(0);
+    };
+    int md = -1;
+    // Masks, partitions, levels and member counts of a creation.
+    refused(KEMORaidDevCreate(0, 2, 1, 1, &md));
+    refused(KEMORaidDevCreate(-1, 2, 1, 4, &md));
+    refused(KEMORaidDevCreate(0x10, 2, 1, 1, &md)); // no fifth slot
+    refused(KEMORaidDevCreate(0x1, 3, 1, 1, &md)); // partition 4 is no array member
+    refused(KEMORaidDevCreate(0x1, -1, 1, 1, &md));
+    refused(KEMORaidVolCreate(0x1, 4, 1, &md));
+    refused(KEMORaidVolCreate(0x1, 6, 1, &md));
+    refused(KEMORaidVolCreate(0x3, 1, 1, &md)); // fewer members than disks
+    refused(KEMORaidVolCreate(0x1, 1, 5, &md));
+    refused(KEMORaidVolCreate(0x1, 0, 2, &md)); // RAID 0 cannot miss a member
+    refused(KEMORaidVolCreate(0x1, 5, 3, &md)); // RAID 5 cannot miss two
+    refused(KEMORaidVolCreate(0x1, 1, 1, nullptr));
+    EXPECT_EQ(md, -1);
+    // Members: array numbers, disks, and partitions of the array's kind.
+    refused(KEMORaidDevDiskAdd(6, 0, 2));
+    refused(KEMORaidDevDiskAdd(-1, 0, 0));
+    refused(KEMORaidDevDiskAdd(2, 4, 2));
+    refused(KEMORaidDevDiskAdd(2, 0, 3));
+    refused(KEMORaidDevDiskAdd(2, 0, 0)); // a system partition in a data array
+    refused(KEMORaidDevDiskAdd(0, 0, 2)); // a data partition in the system array
+    refused(KEMORaidVolDiskAdd(1, 0));
+    refused(KEMORaidVolDiskAddSys(4));
+    refused(KEMORaidVolDiskAddSwap(-1));
+    refused(KEMORaidDevDiskRemove(7, 0, 2, 0));
+    refused(KEMORaidDevDiskRemove(2, 4, 2, 0));
+    refused(KEMORaidDevDiskRemove(2, 0, 1, 0));
+    refused(KEMORaidVolDiskRemove(0, 0, 0));
+    refused(KEMORaidVolDiskRemove(2, -2147483647 - 1, 0));
+    // Whole arrays.
+    refused(KEMORaidVolDestroy(6));
+    refused(KEMORaidVolDestroy(-1));
+    refused(KEMORaidVolDiskCountChange(2, 0));
+    refused(KEMORaidVolDiskCountChange(2, 5));
+    refused(KEMORaidVolDiskCountChange(6, 2));
+    uint64_t kib = 0;
+    refused(KEMORaidVolExpansible(2, nullptr), -1);
+    refused(KEMORaidVolExpansible(6, &kib), -1);
+    EXPECT_EQ(KEMORaidVolExpand(6), 1);
+    KEMORaidISetErr(0);
+    refused(KEMORaidVolFindUnusedID(nullptr));
+    refused(KEMORaidDevEnum(nullptr, nullptr, nullptr));
+    refused(KEMORaidVolCount(nullptr));
+
+    struct stat st {};
+    EXPECT_NE(::stat("/tmp/mdadm.calls", &st), 0) << "mdadm ran";
+}
+
+TEST_F(Raid, ReplacementSizeAndMemberCounts)
+{
+    KEMORAIDVOL vol {};
+    vol.level = 5;
+    vol.componentKiB = 777774;
+    uint64_t sectors = 0;
+    ASSERT_EQ(KEMORaidVolRepairMinDisk(&vol, &sectors), 0);
+    EXPECT_EQ(sectors, 2634916u + 2u * 777774u);
+    vol.level = 1;
+    vol.componentKiB = int64_t {3} << 31; // a member above 2 TiB does not wrap
+    ASSERT_EQ(KEMORaidVolRepairMinDisk(&vol, &sectors), 0);
+    EXPECT_EQ(sectors, 2634916u + (uint64_t {3} << 32));
+    KEMORaidISetErr(0);
+    vol.level = 0;
+    sectors = 7;
+    EXPECT_EQ(KEMORaidVolRepairMinDisk(&vol, &sectors), 1) << "a stripe set cannot be repaired";
+    EXPECT_EQ(sectors, 7u);
+    EXPECT_EQ(KEMORaidGetErr(), 0u);
+    EXPECT_EQ(KEMORaidVolRepairMinDisk(nullptr, &sectors), 1);
+    EXPECT_EQ(KEMORaidGetErr(), static_cast<uint32_t>(KEMO_RAID_ERR_PARAM));
+
+    EXPECT_EQ(KEMORaidVolDiskCount(0xF), 4);
+    EXPECT_EQ(KEMORaidVolDiskCount(0x5), 2);
+    EXPECT_EQ(KEMORaidVolDiskCount(0xFFFFFFF0u), 0) << "only the four slots count";
+}
+
 } // namespace
