@@ -127,6 +127,7 @@ bench)
     # appliance.
     deps "${guest_packages[@]}"
     in_guest build-release build-release/bench/guest_bench_disk_status
+    in_guest build-release build-release/bench/guest_bench_storage
     ;;
 *)
     sed -n '2,12p' "$0" | sed 's/^# \{0,1\}//'

@@ -1100,10 +1100,14 @@ KEMO_API void KEMOShareGetCaseFree(char *stored);
 /* Names of the shares on data volume index volume ("/volume<volume+1>"),
  * two-call layout.  The count, or -1. */
 KEMO_API int KEMOShareEnumbyVolume(int volume, char **out, int size, int *needed);
-/* Deletes the count shares named (their smb.conf sections) in one change
- * of the account files.  0, or -1 with every share kept. */
+/* Deletes the count shares named (their smb.conf sections; names compare
+ * without case) in one change of the account files.  0, or -1 with every
+ * share kept (ERR_NO_SUCH_SHARE when a name has no section or is one of
+ * the server's own sections). */
 KEMO_API int KEMOShareDelete(char **names, int count);
-/* 1 when path is an existing directory, 0 when it is not, -1 on failure. */
+/* 1 when path (absolute) is an existing directory, 0 when it is not (a
+ * symbolic link in the last place counts as not), -1 on failure
+ * (ERR_BAD_PARAMETERS for a null or relative path). */
 KEMO_API int SDKICheckFolderState(const char *path);
 /* 1 when user may write share (not denied, and in the read-write list, or
  * the share is writeable to all and the user is not read-only); 0; -1. */
@@ -1314,9 +1318,9 @@ typedef struct KEMORAIDVOL {
     int32_t mdId;
     int32_t level;            /* 0, 1, 5 ... as the md driver reports it */
     int32_t reserved;
-    int32_t volStatus;        /* 0 normal, 1 degraded, 2 crashed */
-    uint32_t rebuildState;    /* always 0 */
-    float rebuildProgress;    /* always 0 */
+    int32_t volStatus;        /* 0 normal, 1 degraded (also while a member is rebuilt), 2 crashed */
+    uint32_t rebuildState;    /* from /proc/mdstat: 0 none, 1 running, 2 waiting */
+    float rebuildProgress;    /* percent done while running */
     int32_t designDisks;      /* configured member count */
     int32_t workingDisks;     /* equal to activeDisks */
     int32_t activeDisks;      /* present and not faulty */
@@ -1442,19 +1446,25 @@ KEMO_API uint32_t KEMORaidGetErr(void);
 
 /* Creates an array of level over the part partitions of the disks in
  * diskMask, with count members ("missing" for each absent one, "-f" for a
- * single member), at the lowest free array number, into *md.  For data
- * arrays a "/tmp/volume.<GiB>" limit caps the member size. */
+ * single member), into *md: the system array is md0, the swap array md1,
+ * a data array the lowest free number from md2 up (error 2 when that
+ * number is taken or none is free).  RAID 0 may miss no member and RAID 5
+ * one at most (error 1).  For data arrays a "/tmp/volume.<GiB>" limit caps
+ * the member size.  Error 11: a partition cannot be measured; 3: mdadm
+ * failed (an array it left half-made from these partitions is stopped). */
 KEMO_API int KEMORaidDevCreate(int diskMask, int part, int level, int count, int *md);
 /* KEMORaidDevCreate on the data partitions. */
 KEMO_API int KEMORaidVolCreate(int diskMask, int level, int count, int *md);
-/* Adds disk's part partition to array md (system and swap partitions must
- * have the exact layout size: error 10). */
+/* Adds disk's part partition to array md: partition index 0 only to md0,
+ * 1 only to md1, 2 only to a data array (error 1).  System and swap
+ * partitions must have the exact layout size (error 10). */
 KEMO_API int KEMORaidDevDiskAdd(int md, int disk, int part);
 KEMO_API int KEMORaidVolDiskAdd(int md, int disk);    /* data partition */
 KEMO_API int KEMORaidVolDiskAddSys(int disk);         /* md0, partition 1 */
 KEMO_API int KEMORaidVolDiskAddSwap(int disk);        /* md1, partition 2 */
 /* Marks disk's part partition faulty in array md and removes it; the
- * member is gone from the array when this returns 0.  unused is ignored. */
+ * member is gone from the array when this returns 0 (error 3 when mdadm
+ * fails or the md driver keeps it).  unused is ignored. */
 KEMO_API int KEMORaidDevDiskRemove(int md, int disk, int part, int unused);
 KEMO_API int KEMORaidVolDiskRemove(int md, int disk, int unused);
 /* The running data arrays: bit N of *dataMask for array N + 2, the first
@@ -1463,19 +1473,23 @@ KEMO_API int KEMORaidDevEnum(uint32_t *dataMask, int *firstIndex, int *count);
 /* The lowest array number the md driver reports as not active (error 2
  * when there is none). */
 KEMO_API int KEMORaidVolFindUnusedID(int *md);
-/* Unmounts, stops and clears array md (0..5): every member's superblock is
- * zeroed.  Error 1, 3, 5 (superblock clear refused), 7 (unmount) or 8
+/* Unmounts, stops and clears array md (0..5): the superblocks of its own
+ * members, and only those, are zeroed.  Error 1 (also for an array that
+ * is not running), 3, 5 (superblock clear refused), 7 (unmount) or 8
  * (stop). */
 KEMO_API int KEMORaidVolDestroy(int md);
-/* For a RAID 1 or 5 array: *newKiB the member size its disks allow (capped
- * by a "/tmp/volume.<GiB>" limit); returns 1 when that is more than the
- * size in use, 0 when not, -1 on failure (error 2 for another level). */
+/* For a RAID 1 or 5 array: *newKiB the member size its partitions allow
+ * (less the data offset of members whose superblock is at the start,
+ * capped by a "/tmp/volume.<GiB>" limit); returns 1 when that is more than
+ * the size in use, 0 when not, -1 on failure (error 2 for another level,
+ * 11 when no member can be measured). */
 KEMO_API int KEMORaidVolExpansible(int md, uint64_t *newKiB);
 /* Grows array md to the size KEMORaidVolExpansible allows.  0, or 1
  * (error 9 the command could not start, 3 it failed). */
 KEMO_API int KEMORaidVolExpand(int md);
-/* Changes the member count of array md to count (mdadm --grow
- * --raid-disks). */
+/* Changes the member count of array md to count, 1..4 (mdadm --grow
+ * --raid-disks; a new member must have been added as a spare first).
+ * 0, or 1 (error 1, 9 the command could not start, 3 it failed). */
 KEMO_API int KEMORaidVolDiskCountChange(int md, int count);
 /* Lays the system layout on every present disk and creates the system
  * (md0) and swap (md1) arrays over them.  0, or 1. */
@@ -1488,7 +1502,8 @@ KEMO_API int KEMORaidVolRepairMinDisk(const KEMORAIDVOL *record, uint64_t *minSe
 KEMO_API int KEMORaidVolCount(int *count);
 /* The number of bits set among bits 0..3 of mask. */
 KEMO_API int KEMORaidVolDiskCount(uint32_t mask);
-/* 1 while md0 or md1 is being rebuilt, else 0. */
+/* 1 while md0 or md1 is being synchronised or rebuilt or waits to be
+ * (a non-zero rebuildState), else 0. */
 KEMO_API int KEMORaidSystemRebuilding(void);
 
 /* ------------------------------------------------------------------------ */
@@ -1540,12 +1555,14 @@ struct statfs;
 KEMO_API int KEMOVolStatfs(int index, struct statfs *out);
 /* Makes the file system of volume index on /dev/md<index+2> and mounts it
  * at /volume<index+1>: fsKind 3 runs "mke2fs -P option", 4 "mkfs.ext3 -P
- * option" (option: the progress file prefix, "/tmp/mkfs.progress").  0, or
- * -1 (error 1, 2, 4 already mounted, 5, 6, 9, 10, 11). */
+ * option" (option: the progress file prefix, "/tmp/mkfs.progress"; a plain
+ * path below /tmp/, else error 1).  0, or -1 (error 1, 2, 4 already
+ * mounted, 5, 6, 9, 10, 11). */
 KEMO_API int KEMOVolInit(int index, int fsKind, const char *option);
 /* Unmounts volume index.  0, or -1 (error 1 or 2). */
 KEMO_API int KEMOVolStop(int index);
-/* The size of a block device in 512-byte sectors.  0, or -1. */
+/* The size of a block device (a plain path below /dev/) in 512-byte
+ * sectors.  0, or -1 (error 1 not such a device, 2 it cannot be asked). */
 KEMO_API int KEMOVolDevSize(const char *device, uint64_t *sectors);
 /* 0 when the ext file system on device can grow into its device, -1 when
  * it cannot or the check failed. */
@@ -1553,8 +1570,8 @@ KEMO_API int KEMOVolExpansible(const char *device);
 /* Grows the file system on device to its device's size, reporting progress
  * in /tmp/resize2fs.progress.{extend,scan}.<device name>.  0, or -1. */
 KEMO_API int KEMOVolExpand(const char *device);
-/* The percent done of the file-system grow of name ("md2"), from its two
- * progress files.  0, or -1. */
+/* The percent done of the file-system grow of name ("md2", a plain file
+ * name), from its two progress files.  0, or -1. */
 KEMO_API int KEMOVolExpandProgress(const char *name, int *percent);
 /* The percent done of making the file system of volume index, from
  * /tmp/mkfs.progress.md<index+2>; 0 before anything was written, -1 when
@@ -1626,11 +1643,14 @@ KEMO_API int BlRepairIsApplying(const char *processName);
 KEMO_API int BlExpandIsApplying(const char *processName);
 /* The resync or rebuild percent of array md: the percent while it runs,
  * -1.0 while it waits, 100.0 when the array is in sync, -2.0 when it is
- * degraded or crashed and not rebuilding.  0, or -1 (null pointer). */
+ * degraded or crashed and not rebuilding.  An array that cannot be asked
+ * within five seconds reads as in sync.  0, or -1 (null pointer, md
+ * outside 0..5). */
 KEMO_API int MDSyncProgress(int md, float *percent);
 /* Remounts the file system of a crashed array device read-only (services
- * stopped around it).  0, or -1 when it is not mounted or already
- * read-only. */
+ * stopped around it); when the array refuses the write that takes, the
+ * mount alone is made read-only.  0, or -1 when it is not mounted, already
+ * read-only ("ro" anywhere in its options) or could not be changed. */
 KEMO_API int KEMORemountCrashRaidRo(const char *device);
 /* Start-up scan: data arrays that lost every member are unmounted and their
  * services and shares removed; crashed arrays are remounted read-only.
@@ -1665,10 +1685,12 @@ KEMO_API int KEMOSupportQUOTA(void);
  * 0, or -1 (ERR_BAD_PARAMETERS not mounted, KEMO_ERR_QUOTA_*). */
 KEMO_API int KEMOQuotaInit(int volume);
 /* User name's limit and use on block device.  name is a local user or a
- * domain user (DOMAIN\name).  0, or -1. */
+ * domain user (DOMAIN\name); system accounts (root, the daemons, nobody)
+ * never have a limit and are refused with ERR_BAD_PARAMETERS.  0, or -1. */
 KEMO_API int KEMOQuotaGet(const char *name, const char *device, PKEMOQUOTA reading);
 /* Sets user name's limit on device to *limitMB (0 removes it; stored in
- * 1 KiB quota blocks).  0, or -1. */
+ * 1 KiB quota blocks, a part of a block counting as a whole one; at most
+ * 4 TiB).  0, or -1. */
 KEMO_API int KEMOQuotaSet(const char *name, const char *device, const float *limitMB);
 /* Removes the limits of every user of list on device (all are tried).  0,
  * or -1 when any failed. */
@@ -1693,11 +1715,13 @@ KEMO_API double KEMOUnitTrans(int kind, double value);
  * /usr/kemo/etc/rc.d. */
 
 /* 1 stops every service, 2 starts them ("rc.netservice stop|start").  0,
- * or -1. */
+ * or -1 (ERR_BAD_PARAMETERS for another action). */
 KEMO_API int KEMOServiceOnOffALL(int action);
 /* Takes the services registered on volume id 1..4 off it before it goes
- * away: each is stopped through its control script and switched off.  0,
- * or -1. */
+ * away ("<service>_volume" keys of /etc/kemoinfo.conf naming the id): each
+ * is stopped through its control script, "run<service>" set to "no" and
+ * the key removed.  0, or -1 (also when a script failed: the services are
+ * switched off all the same). */
 KEMO_API int KEMOServiceRemovebyVolume(int volume);
 
 /* ------------------------------------------------------------------------ */
