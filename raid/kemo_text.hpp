@@ -18,6 +18,7 @@ struct MdSync {
     State state = none;
     float percent = 0;   // done, 0..100, while running
     bool recovery = false; // a member is being rebuilt (not a first sync or a check)
+    bool verify = false;   // a check or repair of an array already in sync
 };
 
 // True when /proc/mdstat lists array md ("md<md> : ...").

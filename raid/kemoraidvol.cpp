@@ -78,7 +78,10 @@ int rebuild_info(int md, uint32_t &state, float &progress, bool &recovery)
     std::string mdstat;
     if (!read_mdstat(mdstat))
         return 1;
-    const text::MdSync sync = text::mdstat_sync(mdstat, md);
+    // A check or repair reads an array that is already in sync: not a rebuild.
+    text::MdSync sync = text::mdstat_sync(mdstat, md);
+    if (sync.verify)
+        sync = {};
     state = sync.state;
     progress = sync.state == text::MdSync::running ? sync.percent : 0;
     recovery = sync.state == text::MdSync::running && sync.recovery;

@@ -104,6 +104,7 @@ MdSync mdstat_sync(std::string_view mdstat, int md) noexcept
             sync.state = MdSync::running;
             sync.percent = value;
             sync.recovery = action == "recovery";
+            sync.verify = action == "check" || action == "repair";
             return sync;
         }
     }

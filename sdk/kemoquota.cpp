@@ -22,6 +22,7 @@
 #include <cerrno>
 #include <climits>
 #include <cmath>
+#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -73,20 +74,30 @@ bool refused_uid(long uid, bool local) noexcept
     return local ? kemo::accounts::is_system_user(uid) : uid < kemo::accounts::kFirstUserUid;
 }
 
+// A command of KEMOQuotaInit from its literal template (checked by the
+// compiler) and the volume number.
+__attribute__((format(printf, 1, 2))) std::string formatted(const char *tmpl, ...)
+{
+    char command[160];
+    va_list args;
+    va_start(args, tmpl);
+    std::vsnprintf(command, sizeof command, tmpl, args);
+    va_end(args);
+    return command;
+}
+
 // One step of KEMOQuotaInit: the command's exit status decides.  A shell
 // that could not run at all is KEMO_ERR_QUOTA_SHELL, a failed command
 // `code`.
-bool step(const char *tmpl, int volume, int code)
+bool step(const std::string &command, int code)
 {
-    char command[160];
-    std::snprintf(command, sizeof command, tmpl, volume);
     const int status = kemo::shell_run(command);
     if (status == -1) {
-        KEMO_LOG("fail to run [%s]", command);
+        KEMO_LOG("fail to run [%s]", command.c_str());
         return fail(false, KEMO_ERR_QUOTA_SHELL);
     }
     if (kemo::exit_code(status) != 0) {
-        KEMO_LOG("[%s] failed (%d)", command, kemo::exit_code(status));
+        KEMO_LOG("[%s] failed (%d)", command.c_str(), kemo::exit_code(status));
         return fail(false, code);
     }
     return true;
@@ -131,7 +142,7 @@ bool mounted_volumes(std::vector<MountedVolume> &out)
 // "-c", which would build them anew and drop every user's limit.
 int init(int volume)
 {
-    if (!step("grep volume%d /proc/mounts > /dev/null 2>&1", volume, ERR_BAD_PARAMETERS))
+    if (!step(formatted("grep volume%d /proc/mounts > /dev/null 2>&1", volume), ERR_BAD_PARAMETERS))
         return -1;
     std::vector<MountedVolume> volumes;
     if (mounted_volumes(volumes))
@@ -141,16 +152,16 @@ int init(int volume)
                 ::quotactl(kGetFormat, v.device.c_str(), 0, reinterpret_cast<caddr_t>(&fmt)) == 0)
                 return 0;
         }
-    if (!step("mount -o remount,usrquota,grpquota /volume%d > /dev/null 2>&1", volume,
+    if (!step(formatted("mount -o remount,usrquota,grpquota /volume%d > /dev/null 2>&1", volume),
               KEMO_ERR_QUOTA_REMOUNT))
         return -1;
     const std::string dir = "/volume" + std::to_string(volume);
     const bool kept = exists(dir + "/aquota.user") || exists(dir + "/aquota.group");
-    if (!step(kept ? "quotacheck -g -u -F vfsv0 /volume%d  > /dev/null 2>&1"
-                   : "quotacheck -c -g -u -F vfsv0 /volume%d  > /dev/null 2>&1",
-              volume, KEMO_ERR_QUOTA_CHECK))
+    if (!step(kept ? formatted("quotacheck -g -u -F vfsv0 /volume%d  > /dev/null 2>&1", volume)
+                   : formatted("quotacheck -c -g -u -F vfsv0 /volume%d  > /dev/null 2>&1", volume),
+              KEMO_ERR_QUOTA_CHECK))
         return -1;
-    if (!step("quotaon -F vfsv0 /volume%d > /dev/null 2>&1", volume, KEMO_ERR_QUOTA_ON))
+    if (!step(formatted("quotaon -F vfsv0 /volume%d > /dev/null 2>&1", volume), KEMO_ERR_QUOTA_ON))
         return -1;
     return 0;
 }

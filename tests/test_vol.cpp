@@ -54,6 +54,11 @@ TEST(VolText, MdstatSyncBelongsToItsOwnArray)
     const std::string cut = std::string(kMdstat).substr(0, std::string(kMdstat).find("17.5"));
     EXPECT_EQ(text::mdstat_sync(cut, 2).state, text::MdSync::none);
     EXPECT_EQ(text::mdstat_sync("md2 : active\n  recovery = nan%\n", 2).state, text::MdSync::none);
+    // A scheduled check is told apart from a rebuild.
+    const auto check = text::mdstat_sync("md2 : active raid1 sdb3[1] sda3[0]\n      [=>..]  check =  8.0% (1/2)\n", 2);
+    EXPECT_EQ(check.state, text::MdSync::running);
+    EXPECT_TRUE(check.verify);
+    EXPECT_FALSE(check.recovery);
 }
 
 TEST(VolText, MountLinesDecodeNamesAndVolumeIdsTakeOneDigit)
