@@ -3,6 +3,7 @@
 // quota tools (repquota, quota) as peers, and a process of a limited user
 // that writes past its limit.
 #include "guest_only.hpp"
+#include "guest_util.hpp"
 #include "kemo.h"
 
 #include <fcntl.h>
@@ -22,28 +23,12 @@
 
 namespace {
 
+using kemo_guest::output_of;
+using kemo_guest::sh;
+
 constexpr char kDevice[] = "/dev/md2";
 constexpr char kBackup[] = "/tmp/quota.kemo";
 constexpr uint32_t kQuotaSection = 0x1000000;
-
-int sh(const std::string &command)
-{
-    const int status = std::system(command.c_str());
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-std::string output_of(const std::string &command)
-{
-    std::string out;
-    if (FILE *p = ::popen(command.c_str(), "r")) {
-        char buf[4096];
-        std::size_t n;
-        while ((n = std::fread(buf, 1, sizeof buf, p)) > 0)
-            out.append(buf, n);
-        ::pclose(p);
-    }
-    return out;
-}
 
 // repquota's block columns of one user on /volume1: used, soft, hard (KiB);
 // all -1 when the user has no line (-v lists users without use too).

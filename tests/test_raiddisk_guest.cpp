@@ -4,6 +4,7 @@
 //
 // usage (in the guest): test_raiddisk_guest [gtest flags] DISK_BYTES MODEL0 MODEL1 MODEL2 MODEL3
 #include "guest_only.hpp"
+#include "guest_util.hpp"
 #include "kemo.h"
 
 #include <fcntl.h>
@@ -28,40 +29,17 @@
 
 namespace {
 
+using kemo_guest::LogCapture;
+using kemo_guest::make_array;
+using kemo_guest::output_of;
+using kemo_guest::read_text;
+using kemo_guest::sh;
+
+
 uint64_t g_disk_bytes = 0;
 std::vector<std::string> g_models;
 
 const char *const kDisks[] = {"/dev/sda", "/dev/sdb", "/dev/sdc", "/dev/sdd"};
-
-int sh(const std::string &command)
-{
-    const int status = std::system(command.c_str());
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-std::string output_of(const std::string &command)
-{
-    std::string out;
-    if (FILE *p = ::popen(command.c_str(), "r")) {
-        char buf[4096];
-        std::size_t n;
-        while ((n = std::fread(buf, 1, sizeof buf, p)) > 0)
-            out.append(buf, n);
-        ::pclose(p);
-    }
-    return out;
-}
-
-std::string read_text(const std::string &path)
-{
-    std::ifstream in(path);
-    std::stringstream s;
-    s << in.rdbuf();
-    std::string text = s.str();
-    while (!text.empty() && (text.back() == '\n' || text.back() == ' '))
-        text.pop_back();
-    return text;
-}
 
 std::string sectors_of(const std::string &device, uint64_t first, uint64_t count)
 {
@@ -116,50 +94,6 @@ void blank_disks()
         ::mknod(node.c_str(), S_IFBLK | 0600, ::makedev(9, md));
     }
 }
-
-// Arrays as an administrator would make them with mdadm; no resync needed.
-void make_array(int md, int level, const std::string &members, int count)
-{
-    ASSERT_EQ(sh("mdadm --create /dev/md" + std::to_string(md) + " --run --assume-clean --metadata=1.2 -l" +
-                 std::to_string(level) + " -n" + std::to_string(count) + (count == 1 ? " --force " : " ") +
-                 members + " >/dev/null 2>&1"),
-              0)
-        << "mdadm could not create md" << md << " from " << members;
-}
-
-// What the library sends to the system log.
-class LogCapture {
-public:
-    LogCapture()
-    {
-        ::unlink("/dev/log");
-        fd_ = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-        sockaddr_un addr {};
-        addr.sun_family = AF_UNIX;
-        std::strcpy(addr.sun_path, "/dev/log");
-        if (::bind(fd_, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0)
-            ADD_FAILURE() << "cannot bind /dev/log";
-        ::closelog();
-    }
-    ~LogCapture()
-    {
-        ::close(fd_);
-        ::unlink("/dev/log");
-        ::closelog();
-    }
-    std::string text()
-    {
-        char buf[8192];
-        ssize_t n;
-        while ((n = ::recv(fd_, buf, sizeof buf, 0)) > 0)
-            all_.append(buf, static_cast<std::size_t>(n)).push_back('\n');
-        return all_;
-    }
-
-private:
-    int fd_ = -1;
-    std::string all_;
-};
 
 std::string collapse_blanks(const std::string &text)
 {

@@ -4,6 +4,7 @@
 // them.  Every case starts from blank disks and no arrays, with resync and
 // rebuild parked (about 1 MB/s) unless a case lets them run.
 #include "guest_only.hpp"
+#include "guest_util.hpp"
 #include "kemo.h"
 
 #include <fcntl.h>
@@ -27,53 +28,27 @@
 
 namespace {
 
+using kemo_guest::LogCapture;
+using kemo_guest::read_text;
+using kemo_guest::sh;
+using kemo_guest::write_text;
+
 const char *const kDisks[] = {"/dev/sda", "/dev/sdb", "/dev/sdc", "/dev/sdd"};
 
-int sh(const std::string &command)
-{
-    const int status = std::system(command.c_str());
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
+// A command's output with runs of blanks collapsed, so that mdadm's column
+// layout does not matter.
 std::string output_of(const std::string &command)
 {
-    std::string out;
-    if (FILE *p = ::popen(command.c_str(), "r")) {
-        char buf[4096];
-        std::size_t n;
-        while ((n = std::fread(buf, 1, sizeof buf, p)) > 0)
-            out.append(buf, n);
-        ::pclose(p);
-    }
-    // Blanks collapsed, so that mdadm's column layout does not matter.
     std::string collapsed;
-    for (const char c : out)
+    for (const char c : kemo_guest::output_of(command))
         if (c != ' ' || (!collapsed.empty() && collapsed.back() != ' '))
             collapsed.push_back(c);
     return collapsed;
 }
 
-std::string read_text(const std::string &path)
-{
-    std::ifstream in(path);
-    std::stringstream s;
-    s << in.rdbuf();
-    std::string text = s.str();
-    while (!text.empty() && (text.back() == '\n' || text.back() == ' '))
-        text.pop_back();
-    return text;
-}
-
 std::string md_sys(int md, const std::string &attribute)
 {
     return read_text("/sys/block/md" + std::to_string(md) + "/md/" + attribute);
-}
-
-void write_text(const std::string &path, const std::string &text)
-{
-    std::ofstream out(path);
-    out << text;
-    ASSERT_TRUE(out.good()) << path;
 }
 
 // Resync and rebuild at a crawl, or at full speed.
@@ -115,45 +90,8 @@ void blank_disks()
 // of kib when given (a small array rebuilds in a moment).
 void make_array(int md, int level, const std::string &members, int count, int kib = 0)
 {
-    ASSERT_EQ(sh("mdadm --create /dev/md" + std::to_string(md) + " --run --assume-clean -l" + std::to_string(level) +
-                 " -n" + std::to_string(count) + (count == 1 ? " --force" : "") +
-                 (kib > 0 ? " --size=" + std::to_string(kib) : "") + " " + members + " >/dev/null 2>&1"),
-              0)
-        << "mdadm could not create md" << md << " from " << members;
+    kemo_guest::make_array(md, level, members, count, kib > 0 ? "--size=" + std::to_string(kib) : "");
 }
-
-class LogCapture {
-public:
-    LogCapture()
-    {
-        ::unlink("/dev/log");
-        fd_ = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-        sockaddr_un addr {};
-        addr.sun_family = AF_UNIX;
-        std::strcpy(addr.sun_path, "/dev/log");
-        if (::bind(fd_, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0)
-            ADD_FAILURE() << "cannot bind /dev/log";
-        ::closelog();
-    }
-    ~LogCapture()
-    {
-        ::close(fd_);
-        ::unlink("/dev/log");
-        ::closelog();
-    }
-    std::string text()
-    {
-        char buf[8192];
-        ssize_t n;
-        while ((n = ::recv(fd_, buf, sizeof buf, 0)) > 0)
-            all_.append(buf, static_cast<std::size_t>(n)).push_back('\n');
-        return all_;
-    }
-
-private:
-    int fd_ = -1;
-    std::string all_;
-};
 
 KEMORAIDVOL status_of(int md)
 {

@@ -8,6 +8,7 @@
 // The disks are 1.5 GiB, so that the data partitions (about 240 MiB) sync,
 // rebuild and reshape in seconds under emulation.
 #include "guest_only.hpp"
+#include "guest_util.hpp"
 #include "kemo.h"
 
 #include <fcntl.h>
@@ -27,40 +28,11 @@
 
 namespace {
 
-int sh(const std::string &command)
-{
-    const int status = std::system(command.c_str());
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
+using kemo_guest::output_of;
+using kemo_guest::read_text;
+using kemo_guest::sh;
+using kemo_guest::write_text;
 
-std::string output_of(const std::string &command)
-{
-    std::string out;
-    if (FILE *p = ::popen(command.c_str(), "r")) {
-        char buf[4096];
-        std::size_t n;
-        while ((n = std::fread(buf, 1, sizeof buf, p)) > 0)
-            out.append(buf, n);
-        ::pclose(p);
-    }
-    return out;
-}
-
-std::string read_text(const std::string &path)
-{
-    std::ifstream in(path);
-    std::stringstream s;
-    s << in.rdbuf();
-    std::string text = s.str();
-    while (!text.empty() && (text.back() == '\n' || text.back() == ' '))
-        text.pop_back();
-    return text;
-}
-
-void write_text(const std::string &path, const std::string &text)
-{
-    std::ofstream(path) << text;
-}
 
 KEMORAIDVOL status_of(int md)
 {

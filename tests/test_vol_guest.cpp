@@ -3,6 +3,7 @@
 // laid out once by the disk layer; every case starts with no arrays.  The
 // last case pulls two disks out of the machine, so it stays last.
 #include "guest_only.hpp"
+#include "guest_util.hpp"
 #include "kemo.h"
 
 #include <gtest/gtest.h>
@@ -21,33 +22,16 @@
 
 namespace {
 
-int sh(const std::string &command)
-{
-    const int status = std::system(command.c_str());
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
+using kemo_guest::make_array;
+using kemo_guest::sh;
 
+// A command's output without its final line breaks.
 std::string output_of(const std::string &command)
 {
-    std::string out;
-    if (FILE *p = ::popen(command.c_str(), "r")) {
-        char buf[4096];
-        std::size_t n;
-        while ((n = std::fread(buf, 1, sizeof buf, p)) > 0)
-            out.append(buf, n);
-        ::pclose(p);
-    }
+    std::string out = kemo_guest::output_of(command);
     while (!out.empty() && out.back() == '\n')
         out.pop_back();
     return out;
-}
-
-std::string read_text(const std::string &path)
-{
-    std::ifstream in(path);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
 }
 
 // "SOURCE TARGET OPTIONS" of a mount point as findmnt shows it, or "".
@@ -69,15 +53,6 @@ std::pair<uint64_t, uint64_t> df(const std::string &dir)
     uint64_t size = 0, avail = 0;
     in >> size >> avail;
     return {size, avail};
-}
-
-void make_array(int md, int level, const std::string &members, int count, const std::string &extra = "")
-{
-    ASSERT_EQ(sh("mdadm --create /dev/md" + std::to_string(md) + " --run --assume-clean --metadata=1.2 -l" +
-                 std::to_string(level) + " -n" + std::to_string(count) + " " + extra + " " + members +
-                 " >/dev/null 2>&1"),
-              0)
-        << "mdadm could not create md" << md << " from " << members;
 }
 
 // A small ext2 file system made directly (quick under emulation), with a
@@ -169,7 +144,7 @@ TEST_F(Volumes, InformationAgreesWithDfAndFindmnt)
     EXPECT_EQ(KEMOVolGetErr(), static_cast<uint32_t>(KEMO_VOL_ERR_NOT_MOUNTED));
     uint64_t sectors = 0;
     ASSERT_EQ(KEMOVolDevSize("/dev/md2", &sectors), 0);
-    EXPECT_EQ(std::to_string(sectors) + "\n", read_text("/sys/block/md2/size"));
+    EXPECT_EQ(std::to_string(sectors) + "\n", kemo_guest::read_file("/sys/block/md2/size"));
 
     EXPECT_EQ(KEMOVolAllVolumeScan("/public"), 1);
     EXPECT_EQ(KEMOVolAllVolumeScan("/absent"), 0);
@@ -315,7 +290,7 @@ TEST_F(Volumes, StaleScanAfterTwoDisksWentAway)
     EXPECT_EQ(health, KEMO_VOL_READONLY);
     EXPECT_EQ(findmnt("/volume2"), "") << "an array with no member left";
     EXPECT_FALSE(mounted_ro("/volume3"));
-    const std::string shares = read_text("/usr/kemo/etc/smb.conf");
+    const std::string shares = kemo_guest::read_file("/usr/kemo/etc/smb.conf");
     EXPECT_EQ(shares.find("[gone]"), std::string::npos);
     EXPECT_NE(shares.find("[photo]"), std::string::npos) << "shares of other volumes stay";
 }
