@@ -25,6 +25,10 @@ void set_error(uint32_t code) noexcept;
 uint32_t error() noexcept;
 
 bool index_valid(long index) noexcept; // 0..3
+
+// The sizes of the file system mounted at dir into record; false (both
+// zeroed) when statfs fails.
+bool fill_sizes(const char *dir, KEMOVOLINFO &record);
 bool id_valid(long id) noexcept;       // 1..4
 
 // ---- by volume index (error word set on failure) ---------------------------

@@ -27,7 +27,8 @@ namespace {
 
 uint32_t g_error = 0;
 
-// Sizes of the file system mounted at dir: false when statfs fails.
+} // namespace
+
 bool fill_sizes(const char *dir, KEMOVOLINFO &record)
 {
     struct statfs st {};
@@ -39,8 +40,6 @@ bool fill_sizes(const char *dir, KEMOVOLINFO &record)
     record.svi_total_bytes = static_cast<uint64_t>(st.f_blocks) * static_cast<uint64_t>(st.f_bsize);
     return true;
 }
-
-} // namespace
 
 void set_error(uint32_t code) noexcept
 {

@@ -360,6 +360,21 @@ bool names_of(const KLIBSZLIST *list, std::vector<std::string> &names)
     return true;
 }
 
+// Runs clean(names) for the names of a caller's list, refusing a null list
+// or item; the body of the three clean functions.
+template <class Clean>
+int with_names(const KLIBSZLIST *list, Clean &&clean)
+{
+    if (list == nullptr)
+        return kemo::fail(-1, ERR_BAD_PARAMETERS);
+    return kemo::edge(-1, [&] {
+        std::vector<std::string> names;
+        if (!names_of(list, names))
+            return kemo::fail(-1, ERR_BAD_PARAMETERS);
+        return clean(names);
+    });
+}
+
 } // namespace
 
 extern "C" {
@@ -393,38 +408,19 @@ KEMO_API int KEMOQuotaSet(const char *name, const char *device, const float *lim
 
 KEMO_API int KEMOQuotaClean(PKLIBSZLIST list, const char *device)
 {
-    if (list == nullptr || !device_ok(device))
+    if (!device_ok(device))
         return kemo::fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        std::vector<std::string> names;
-        if (!names_of(list, names))
-            return kemo::fail(-1, ERR_BAD_PARAMETERS);
-        return kemo::quota::clean(names, {device});
-    });
+    return with_names(list, [&](const std::vector<std::string> &names) { return kemo::quota::clean(names, {device}); });
 }
 
 KEMO_API int KEMOQuotaCleanOne(PKLIBSZLIST list)
 {
-    if (list == nullptr)
-        return kemo::fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        std::vector<std::string> names;
-        if (!names_of(list, names))
-            return kemo::fail(-1, ERR_BAD_PARAMETERS);
-        return kemo::quota::clean_one(names);
-    });
+    return with_names(list, [](const std::vector<std::string> &names) { return kemo::quota::clean_one(names); });
 }
 
 KEMO_API int KEMOQuotaCleanRAID(PKLIBSZLIST list)
 {
-    if (list == nullptr)
-        return kemo::fail(-1, ERR_BAD_PARAMETERS);
-    return kemo::edge(-1, [&] {
-        std::vector<std::string> names;
-        if (!names_of(list, names))
-            return kemo::fail(-1, ERR_BAD_PARAMETERS);
-        return kemo::quota::clean_raid(names);
-    });
+    return with_names(list, [](const std::vector<std::string> &names) { return kemo::quota::clean_raid(names); });
 }
 
 KEMO_API int KEMOQuotaOff(const char *device)

@@ -25,18 +25,6 @@ namespace {
 
 constexpr const char *kMounts = "/proc/mounts";
 
-bool fill_sizes(const char *dir, KEMOVOLINFO &record)
-{
-    struct statfs st {};
-    if (::statfs(dir, &st) != 0) {
-        record.svi_avail_bytes = record.svi_total_bytes = 0;
-        return false;
-    }
-    record.svi_avail_bytes = static_cast<uint64_t>(st.f_bavail) * static_cast<uint64_t>(st.f_bsize);
-    record.svi_total_bytes = static_cast<uint64_t>(st.f_blocks) * static_cast<uint64_t>(st.f_bsize);
-    return true;
-}
-
 // The first mount option is exactly "ro".
 bool read_only(std::string_view options)
 {
