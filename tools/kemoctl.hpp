@@ -105,6 +105,9 @@ std::optional<std::string> stdin_line();
 int print_lines(const std::vector<std::string> &lines);
 
 std::string joined(const std::vector<std::string> &items, std::string_view separator = ", ");
+// The 1-based numbers of the bits set among the low `bits` of mask, comma
+// separated ("1,3"); "" when none is.
+std::string bit_numbers(uint32_t mask, int bits);
 
 // One "label: value" line of a record; an empty value shows as "(empty)".
 void field(const char *label, std::string_view value);

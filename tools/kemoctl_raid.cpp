@@ -73,13 +73,11 @@ std::string volume_device(int id)
     return "/dev/md" + std::to_string(id + 1);
 }
 
+// The slots (1-4) of a disk mask, or "-".
 std::string slot_list(uint32_t mask)
 {
-    std::string out;
-    for (int disk = 0; disk < 4; ++disk)
-        if ((mask & (1u << disk)) != 0)
-            out += (out.empty() ? "" : ",") + std::to_string(disk + 1);
-    return out.empty() ? "-" : out;
+    const std::string slots = bit_numbers(mask, 4);
+    return slots.empty() ? "-" : slots;
 }
 
 std::string gib(uint64_t bytes)

@@ -113,7 +113,7 @@ int cmd_section_set(const Args &args)
     for (std::size_t i = 2; i < args.size(); ++i) {
         auto pair = key_value(args[i]);
         if (!pair || pair->first.empty())
-            return usage_error("'" + std::string(args[i]) + "' is not KEY=VALUE");
+            return usage_error(std::string(1, '\'').append(args[i]).append("' is not KEY=VALUE"));
         pairs.push_back(std::move(*pair));
     }
     const int result = locked(path, [&] {

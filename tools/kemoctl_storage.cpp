@@ -53,15 +53,6 @@ std::string trimmed_model(const char *model)
     return text;
 }
 
-std::string volumes_of(uint32_t mask)
-{
-    std::string out;
-    for (int v = 0; v < 32; ++v)
-        if ((mask & (1u << v)) != 0)
-            out += (out.empty() ? "" : ",") + std::to_string(v + 1);
-    return out;
-}
-
 int disk_failure(std::string_view what)
 {
     std::fprintf(stderr, "kemoctl: %.*s failed: disk error %u, %s\n", static_cast<int>(what.size()), what.data(),
@@ -78,6 +69,19 @@ bool read_status(int disk, KEMORAIDDISK &record)
 }
 
 } // namespace
+
+std::string bit_numbers(uint32_t mask, int bits)
+{
+    std::string out;
+    for (int bit = 0; bit < bits && bit < 32; ++bit) {
+        if ((mask & (1u << bit)) == 0)
+            continue;
+        if (!out.empty())
+            out.push_back(',');
+        out += std::to_string(bit + 1);
+    }
+    return out;
+}
 
 int cmd_disk_list(const Args &args)
 {
@@ -104,7 +108,7 @@ int cmd_disk_list(const Args &args)
         std::snprintf(size, sizeof size, "%.1f GiB", static_cast<double>(r.sizeGiB));
         std::string status = status_words(r.status);
         if (r.dataVolumeMask != 0)
-            status += " (volume " + volumes_of(r.dataVolumeMask) + ")";
+            status += " (volume " + bit_numbers(r.dataVolumeMask, 32) + ")";
         std::printf("%-4d  %-8s  %-40s  %9s  %s\n", disk + 1, r.device, trimmed_model(r.model).c_str(), size,
                     status.c_str());
     }
@@ -130,7 +134,7 @@ int cmd_disk_status(const Args &args)
     char size[32];
     std::snprintf(size, sizeof size, "%.2f GiB", static_cast<double>(r.sizeGiB));
     field("size", size);
-    field("data volumes", volumes_of(r.dataVolumeMask));
+    field("data volumes", bit_numbers(r.dataVolumeMask, 32));
     field("layout", BlKEMORaidDiskCheckPartitions(r.device) == 1 ? "appliance layout" : "other");
     return 0;
 }
