@@ -262,41 +262,52 @@ bool store_settings(const char *fn, const std::vector<std::pair<std::string, std
     return true;
 }
 
+// The section's keys that are set in the settings file, read under the
+// shared kemoinfo lock; false (logged) when the lock or a read fails.
+bool read_section_pairs(const char *fn, const SettingsSection &section, SettingPairs &pairs)
+{
+    const kemo::ConfigLock lock(KLIB_LOCK_KEMOINFO | KLIB_LOCK_SH);
+    if (!lock.held()) {
+        BKP_LOG(fn, "lock file failed");
+        return false;
+    }
+    for (const Key &key : section.keys) {
+        std::optional<std::string> value;
+        if (!read_setting(kSettings, key.name, value)) {
+            BKP_LOG(fn, "fail to read %s from %s (%X)", key.name, kSettings, KLIBErrGet());
+            return false;
+        }
+        if (value)
+            pairs.emplace_back(key.name, std::move(*value));
+    }
+    return true;
+}
+
+// The long count and the (key, value) strings of a settings section body.
+bool write_pairs(const char *fn, int fd, const SettingPairs &pairs)
+{
+    if (write_long(fd, static_cast<int32_t>(pairs.size())) < 0) {
+        BKP_LOG(fn, "fail to write count");
+        return false;
+    }
+    for (const auto &[key, value] : pairs)
+        if (write_string(fd, key) < 0 || write_string(fd, value) < 0) {
+            BKP_LOG(fn, "fail to write %s", key.c_str());
+            return false;
+        }
+    return true;
+}
+
 int export_settings(const char *fn, int fd, const SettingsSection &section)
 {
     if (section.gate != nullptr && !supported(section.gate))
         return 0;
-    std::vector<std::pair<std::string, std::string>> pairs;
-    {
-        const kemo::ConfigLock lock(KLIB_LOCK_KEMOINFO | KLIB_LOCK_SH);
-        if (!lock.held()) {
-            BKP_LOG(fn, "lock file failed");
-            report(section.export_event);
-            return -1;
-        }
-        for (const Key &key : section.keys) {
-            std::optional<std::string> value;
-            if (!read_setting(kSettings, key.name, value)) {
-                BKP_LOG(fn, "fail to read %s from %s (%X)", key.name, kSettings, KLIBErrGet());
-                report(section.export_event);
-                return -1;
-            }
-            if (value)
-                pairs.emplace_back(key.name, std::move(*value));
-        }
+    SettingPairs pairs;
+    if (!read_section_pairs(fn, section, pairs)) {
+        report(section.export_event);
+        return -1;
     }
-    return write_section(fn, fd, section.id, [&] {
-        if (write_long(fd, static_cast<int32_t>(pairs.size())) < 0) {
-            BKP_LOG(fn, "fail to write count");
-            return false;
-        }
-        for (const auto &[key, value] : pairs)
-            if (write_string(fd, key) < 0 || write_string(fd, value) < 0) {
-                BKP_LOG(fn, "fail to write %s", key.c_str());
-                return false;
-            }
-        return true;
-    }, section.export_event);
+    return write_section(fn, fd, section.id, [&] { return write_pairs(fn, fd, pairs); }, section.export_event);
 }
 
 // Reads the whole body first and refuses it unless every pair is sound;
@@ -468,32 +479,7 @@ int import_web(const char *fn, int fd, uint32_t version, int apply)
 bool write_user_quota_settings(const char *fn, int fd)
 {
     SettingPairs pairs;
-    {
-        const kemo::ConfigLock lock(KLIB_LOCK_KEMOINFO | KLIB_LOCK_SH);
-        if (!lock.held()) {
-            BKP_LOG(fn, "lock file failed");
-            return false;
-        }
-        for (const Key &key : kUserQuota.keys) {
-            std::optional<std::string> value;
-            if (!read_setting(kSettings, key.name, value)) {
-                BKP_LOG(fn, "fail to read %s from %s (%X)", key.name, kSettings, KLIBErrGet());
-                return false;
-            }
-            if (value)
-                pairs.emplace_back(key.name, std::move(*value));
-        }
-    }
-    if (write_long(fd, static_cast<int32_t>(pairs.size())) < 0) {
-        BKP_LOG(fn, "fail to write count");
-        return false;
-    }
-    for (const auto &[key, value] : pairs)
-        if (write_string(fd, key) < 0 || write_string(fd, value) < 0) {
-            BKP_LOG(fn, "fail to write %s", key.c_str());
-            return false;
-        }
-    return true;
+    return read_section_pairs(fn, kUserQuota, pairs) && write_pairs(fn, fd, pairs);
 }
 
 bool read_user_quota_settings(const char *fn, int fd, SettingPairs &pairs)

@@ -108,6 +108,8 @@ std::string joined(const std::vector<std::string> &items, std::string_view separ
 // The 1-based numbers of the bits set among the low `bits` of mask, comma
 // separated ("1,3"); "" when none is.
 std::string bit_numbers(uint32_t mask, int bits);
+// A front-panel slot "1".."4" to its disk number 0..3.
+std::optional<int> slot_of(std::string_view word);
 
 // One "label: value" line of a record; an empty value shows as "(empty)".
 void field(const char *label, std::string_view value);

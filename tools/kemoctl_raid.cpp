@@ -21,15 +21,6 @@ Args words_of(const Args &args)
     return parse_args(args, {}).words;
 }
 
-// "1".."4" to a disk number 0..3.
-std::optional<int> slot_of(std::string_view word)
-{
-    const auto n = parse_u32(word, false);
-    if (!n || *n < 1 || *n > 4)
-        return std::nullopt;
-    return static_cast<int>(*n) - 1;
-}
-
 // "1,2,3" to a disk mask; each slot once.
 std::optional<int> slots_of(std::string_view text)
 {

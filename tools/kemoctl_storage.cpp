@@ -24,15 +24,6 @@ const char *status_words(uint32_t status)
     }
 }
 
-// "1".."4" to a disk number 0..3.
-std::optional<int> slot_of(std::string_view word)
-{
-    const auto n = parse_u32(word, false);
-    if (!n || *n < 1 || *n > 4)
-        return std::nullopt;
-    return static_cast<int>(*n) - 1;
-}
-
 // "system", "data", "all" to an init or clean type.
 std::optional<int> kind_of(std::string_view word)
 {
@@ -69,6 +60,14 @@ bool read_status(int disk, KEMORAIDDISK &record)
 }
 
 } // namespace
+
+std::optional<int> slot_of(std::string_view word)
+{
+    const auto n = parse_u32(word, false);
+    if (!n || *n < 1 || *n > 4)
+        return std::nullopt;
+    return static_cast<int>(*n) - 1;
+}
 
 std::string bit_numbers(uint32_t mask, int bits)
 {
