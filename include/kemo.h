@@ -816,6 +816,137 @@ KEMO_API int KLIBChangeQormdLight(int on);
 /* Soft-resets the USB printer "/dev/usb/<device>".  0, or -1. */
 KEMO_API int KEMOResetPrinter(const char *device);
 
+/* ------------------------------------------------------------------------ */
+/* Shared memory segments                                                    */
+/* ------------------------------------------------------------------------ */
+
+/* A System V shared memory segment with a one-value semaphore (semaphore 0
+ * of its set: 1 free, 0 taken).  The record lives on the heap; its first
+ * 96 bytes of layout (four 32-bit words, then the path) are also what a
+ * descriptor file holds, with the address word meaningless there.
+ * state: the segment size for records of KLIBShmemOpen/KLIBShmemMake; for
+ * records of the attach kind, KLIB_SHMEM_ATTACHED and KLIB_SHMEM_ACCESS. */
+#define KLIB_SHMEM_PATH_SIZE 80
+#define KLIB_SHMEM_FILE_SIZE 96
+#define KLIB_SHMEM_ACCESS 0x1
+#define KLIB_SHMEM_ATTACHED 0x2
+typedef struct KLIBSHMEM {
+    int32_t shmid;
+    int32_t semid;
+    uint32_t state;
+    void *addr;                       /* in this process; not kept in a file */
+    char path[KLIB_SHMEM_PATH_SIZE];  /* the descriptor file, or "" */
+} KLIBSHMEM;
+/* The invalid record handle. */
+#define KLIB_SHMEM_INVALID ((KLIBSHMEM *)-1)
+
+/* Kept for callers of the attach kind, which make their segments
+ * elsewhere: they do nothing and return NULL. */
+KEMO_API KLIBSHMEM *KLIBShmemCreate(int key, uint32_t size);
+KEMO_API KLIBSHMEM *KLIBShmemCreateByPath(const char *path, uint32_t size);
+KEMO_API KLIBSHMEM *KLIBShmemAttach(int shmid);
+/* Makes a private segment of size bytes (1 to 64 MiB, zero-filled) and
+ * its semaphore, both readable and writable by the calling user only,
+ * sets the semaphore to 1, attaches the segment and writes the descriptor
+ * file descriptorPath (absolute, at most 79 bytes; created mode 0600, never
+ * through a link or into another user's file).  A descriptor file that
+ * still names a living segment is refused with ERR_FILE_EXISTS.  The
+ * record (state = size), or KLIB_SHMEM_INVALID with ERR_BAD_PARAMETERS,
+ * ERR_FILE_EXISTS, ERR_OUT_OF_MEMORY (the system refused the objects) or
+ * ERR_WRITE_FAILED; nothing is left behind on failure. */
+KEMO_API KLIBSHMEM *KLIBShmemMake(const char *descriptorPath, uint32_t size);
+/* Reads the descriptor file, attaches its segment read-write and stores
+ * the state word (the size) in *size when size is given.  The record, or
+ * KLIB_SHMEM_INVALID (logged "fopen error\n", "malloc error\n",
+ * "fread error i:%d\n"; or the segment is gone or smaller than the file
+ * says). */
+KEMO_API KLIBSHMEM *KLIBShmemOpen(const char *descriptorPath, uint32_t *size);
+/* Detaches and frees the record.  0, or -1. */
+KEMO_API int KLIBShmemClose(KLIBSHMEM *rec);
+/* Waits (polling every 10 ms) until the semaphore is 1, sets it to 0 and
+ * returns the attach address; NULL for the invalid handle or when the
+ * semaphore no longer exists.  Reading and setting the value are two
+ * calls: two processes may both win. */
+KEMO_API void *AddrKLIBShmemGetShm(KLIBSHMEM *rec);
+/* Sets the semaphore to 1.  0, or -1. */
+KEMO_API int KLIBShmemReturnShm(KLIBSHMEM *rec);
+/* Removes the segment and its semaphore, unlinks the descriptor file the
+ * record names (if any) and frees the record.  0, or -1. */
+KEMO_API int KLIBShmemDelete(KLIBSHMEM *rec);
+/* The attach kind (state holds KLIB_SHMEM_ATTACHED): detach; take the
+ * semaphore (retrying every 10 ms while it is taken, up to 1000 times);
+ * give it back (needs KLIB_SHMEM_ACCESS); detach and remove the objects
+ * (the record stays the caller's).  0, or -1. */
+KEMO_API int KLIBShmemDetach(KLIBSHMEM *rec);
+KEMO_API int KLIBShmemGetAccess(KLIBSHMEM *rec);
+KEMO_API int KLIBShmemReleaseAccess(KLIBSHMEM *rec);
+KEMO_API int KLIBShmemRemove(KLIBSHMEM *rec);
+
+/* ------------------------------------------------------------------------ */
+/* Operations registry                                                       */
+/* ------------------------------------------------------------------------ */
+
+/* Administrative operations register before they start; one that conflicts
+ * with a running operation is refused or waits.  The running operations
+ * stand in shared memory (key 888, 132 bytes, mode 0600: a count and 16
+ * pairs of operation id and owner pid, as big-endian 32-bit words) guarded
+ * by the lock file "/tmp/procreg.lock". */
+#define KEMO_OP_KEY 888
+#define KEMO_OP_SEGMENT_SIZE 132
+#define KEMO_OP_MAX_ENTRIES 16
+#define KEMO_OP_ID_COUNT 40     /* ids 0 to 39 */
+#define KEMO_OP_CATEGORY_COUNT 18
+#define KEMO_OP_LOCK_PATH "/tmp/procreg.lock"
+/* Registration flags. */
+#define KEMO_OP_CHECK_ONLY 0x1    /* only ask; add no entry */
+#define KEMO_OP_IGNORE_WAIT 0x2   /* start despite conflicts that would wait */
+
+/* An operation id's name and category. */
+typedef struct KEMOOPID {
+    const char *szName;   /* NULL for id 39 */
+    uint32_t category;
+} KEMOOPID;
+/* A category's own bit, and the categories an operation of it refuses and
+ * makes wait while it runs. */
+typedef struct KEMOOPCATEGORY {
+    uint32_t bit;
+    uint32_t refuse;
+    uint32_t wait;
+} KEMOOPCATEGORY;
+KEMO_API extern const KEMOOPID grgIDMap[KEMO_OP_ID_COUNT];
+KEMO_API extern const KEMOOPCATEGORY grgBOPack[KEMO_OP_CATEGORY_COUNT];
+
+/* Registers operation id (0-39) for the calling process, waiting in 200 ms
+ * steps up to timeoutMs while conflicts remain.  0 registered (or, with
+ * KEMO_OP_CHECK_ONLY, free to run) and *count = 0; 1 refused, 2 still
+ * waiting when the time ran out: *count = the number of running operations
+ * that refuse it (or that it waits for), and up to the capacity *count had
+ * on entry of their ids in conflicts.  -1 with ERR_BAD_PARAMETERS,
+ * ERR_TIMER_EXPIRED (the lock was busy throughout), ERR_NOT_ENOUGH_SPACE
+ * (16 running operations), ERR_OUT_OF_MEMORY (no segment) or the lock
+ * file's ERR_OPEN_FAILED.  Entries of processes that died are removed. */
+KEMO_API int KEMOOperationRegister(int id, int flags, int *conflicts, int *count, int timeoutMs);
+/* Removes the calling process's entry of id.  0; -2 with
+ * ERR_OP_UNREGISTERED when there is none (the code is also left set after
+ * success); -1 when the lock or the segment cannot be had. */
+KEMO_API int KEMOOperationUnregister(int id);
+/* Hands the calling process's entry of id to the living process pid.
+ * 0; -2 no such entry; -1 with ERR_BAD_PARAMETERS (pid 0, negative or not
+ * running) or when the lock or the segment cannot be had. */
+KEMO_API int KEMOOperationTransfer(int id, int pid);
+/* The name of id; NULL for 39 and "" for ids out of range. */
+KEMO_API const char *KEMOOperationGetName(int id);
+/* One running operation as the registry holds it. */
+typedef struct KEMOOPENTRY {
+    int32_t id;
+    int32_t pid;   /* the owner; it may have died since */
+} KEMOOPENTRY;
+/* Copies up to capacity entries of the registry, in order and as they
+ * stand (entries of dead owners too; nothing is removed), into entries.
+ * The number of entries (which may exceed capacity), 0 when no operation
+ * ever registered; -1 when the lock or the segment cannot be had. */
+KEMO_API int KEMOOperationEnum(KEMOOPENTRY *entries, int capacity);
+
 
 /* ------------------------------------------------------------------------ */
 /* Accounts: users, groups and shares                                       */

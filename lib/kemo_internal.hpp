@@ -35,6 +35,9 @@ void log_at(int priority, const char *fmt, ...) noexcept __attribute__((format(p
 
 namespace kemo {
 
+// Sleeps ms milliseconds, also across signals that interrupt the sleep.
+void sleep_ms(long ms) noexcept;
+
 // The configuration locks of the process (the lock files under /tmp/lock,
 // selected by KLIB_LOCK_* masks): take(request, timeout) and release(mask)
 // as ErrKLIBFileLock and ErrKLIBFileUnlock describe them; close_all() drops
@@ -45,6 +48,10 @@ int release(int mask) noexcept;
 int reset(int mask) noexcept;
 int close_all() noexcept;
 int check_dir() noexcept;
+// GetExclusiveFileLock; with private_file the lock file must be root's
+// alone (a planted one is replaced), as for the registry's fixed lock file
+// in /tmp.
+int exclusive_file(const char *path, int *timeoutMs, bool private_file) noexcept;
 } // namespace locks
 
 // The one lock object of the library: holds configuration locks for a scope.

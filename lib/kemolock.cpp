@@ -18,6 +18,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <string>
 
@@ -26,6 +27,8 @@ namespace {
 constexpr const char *lock_dir = "/tmp/lock";
 constexpr uid_t lock_owner = 0;
 constexpr mode_t dir_mode = 0755, file_mode = 0600;
+// Held while a planted root-only lock file elsewhere in /tmp is replaced.
+constexpr const char *repair_guard = "/tmp/lock/lock_repair";
 
 struct LockEntry {
     FILE *stream;     // open while this process holds the lock
@@ -84,13 +87,6 @@ bool close_entry(LockEntry &e) noexcept
     e.nesting = 0;
     e.operation = 0;
     return ok;
-}
-
-void sleep_ms(long ms) noexcept
-{
-    timespec left{ms / 1000, (ms % 1000) * 1000000L};
-    while (::nanosleep(&left, &left) != 0 && errno == EINTR) {
-    }
 }
 
 // A name beside path that nothing else uses, for moving a planted entry
@@ -204,6 +200,91 @@ FILE *open_lock_stream(const char *path)
     if (stream == nullptr)
         ::close(fd);
     return stream;
+}
+
+// A root-only lock file at a fixed name in a directory others may write:
+// a regular file of root's, mode 0600, with no other name (another user
+// could otherwise open it and hold its flock for ever, or have planted it).
+bool private_lock_file(const struct stat &st) noexcept
+{
+    return S_ISREG(st.st_mode) && st.st_uid == lock_owner && (st.st_mode & 07777) == file_mode &&
+           st.st_nlink == 1;
+}
+
+// Puts a private lock file at path in place of whatever stands there.
+// Replacements are serialised by a guard lock in the private lock directory:
+// while one process holds it, a good file can only appear by its hand, so
+// what it finds bad stays bad until it removes it, and no process ever
+// removes a lock file that another has just made and locked.
+bool replace_lock_file(const char *path)
+{
+    if (!trusted_lock_dir())
+        return false;
+    const int guard = open_lock_file(repair_guard);
+    if (guard < 0)
+        return false;
+    while (::flock(guard, LOCK_EX) != 0 && errno == EINTR) {
+    }
+    bool done = false;
+    for (int attempt = 0; attempt < 8 && !done; ++attempt) {
+        struct stat st {};
+        if (::lstat(path, &st) == 0) {
+            if (private_lock_file(st)) {
+                done = true;
+                break;
+            }
+            KEMO_LOG("untrusted lock file %s (owner %u, mode %o) replaced", path,
+                     static_cast<unsigned>(st.st_uid), static_cast<unsigned>(st.st_mode));
+            if (!remove_planted(path, st))
+                break;
+        } else if (errno != ENOENT) {
+            break;
+        }
+        const int fd = ::open(path, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, file_mode);
+        if (fd >= 0) {
+            done = ::fchmod(fd, file_mode) == 0;
+            ::close(fd);
+        } else if (errno != EEXIST) {
+            break;
+        }
+    }
+    const int error = errno;
+    ::close(guard);
+    if (!done)
+        KEMO_LOG("cannot make the lock file %s private: %s", path, std::strerror(error));
+    errno = error;
+    return done;
+}
+
+// Opens the root-only lock file at path, replacing a planted one.  Only
+// root can do that; anyone else gets -1 (EACCES) for a file not theirs.
+int open_private_lock(const char *path)
+{
+    for (int attempt = 0; attempt < 3; ++attempt) {
+        const int fd = ::open(path, O_RDWR | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
+        struct stat st {};
+        if (fd >= 0 && ::fstat(fd, &st) == 0 && private_lock_file(st))
+            return fd;
+        const int error = errno;
+        if (fd >= 0)
+            ::close(fd);
+        if (::geteuid() != lock_owner) {
+            errno = fd >= 0 ? EACCES : error;
+            return -1;
+        }
+        if (!replace_lock_file(path))
+            return -1;
+    }
+    errno = EACCES;
+    return -1;
+}
+
+// True while path still names the file open at fd.
+bool still_named(int fd, const char *path) noexcept
+{
+    struct stat held {}, named {};
+    return ::fstat(fd, &held) == 0 && ::lstat(path, &named) == 0 && held.st_dev == named.st_dev &&
+           held.st_ino == named.st_ino;
 }
 
 } // namespace
@@ -332,6 +413,50 @@ int close_all() noexcept
     return result;
 }
 
+
+// The exclusive lock by path.  Any caller's path may lie in a directory
+// others can write, so the file is never opened through a link and must be
+// a regular file.  For a root-only lock file (`private_file`), the file must
+// moreover be root's alone (mode 0600, one name); anything else there was
+// planted and is replaced, and after flock the name must still lead to the
+// locked file, so that a lock file removed meanwhile is never relied on.
+int exclusive_file(const char *path, int *timeoutMs, bool private_file) noexcept
+{
+    if (path == nullptr || timeoutMs == nullptr || *timeoutMs < 0)
+        return fail(-1, ERR_BAD_PARAMETERS);
+    for (int stale = 0;;) {
+        const int fd = private_file ? open_private_lock(path)
+                                    : ::open(path, O_RDWR | O_NONBLOCK | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
+        if (fd < 0) {
+            if (errno != EAGAIN && errno != EINTR)
+                return fail(-1, ERR_OPEN_FAILED);
+        } else {
+            struct stat st {};
+            if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+                ::close(fd);
+                return fail(-1, ERR_OPEN_FAILED);
+            }
+            if (::flock(fd, LOCK_EX | LOCK_NB) == 0) {
+                if (!private_file || still_named(fd, path))
+                    return fd;
+                ::close(fd); // removed or replaced while we waited: take the new one
+                if (++stale > 8)
+                    return fail(-1, ERR_OPEN_FAILED);
+                continue;
+            }
+            const int why = errno;
+            ::close(fd);
+            if (why != EWOULDBLOCK && why != EINTR)
+                return fail(-1, ERR_LOCK_FAILED);
+        }
+        // Busy: wait 200 ms while time is left.
+        sleep_ms(200);
+        *timeoutMs -= 200;
+        if (*timeoutMs < 0)
+            return fail(-2, ERR_LOCK_FAILED);
+    }
+}
+
 } // namespace kemo::locks
 
 namespace kemo {
@@ -391,34 +516,7 @@ KEMO_API int ErrKLIBFileCloseLock(void)
 
 KEMO_API int GetExclusiveFileLock(const char *path, int *timeoutMs)
 {
-    if (path == nullptr || timeoutMs == nullptr || *timeoutMs < 0)
-        return kemo::fail(-1, ERR_BAD_PARAMETERS);
-    for (;;) {
-        // Never through a link and never a FIFO: the caller's path may lie
-        // in a directory others can write.  A new lock file is root's alone.
-        const int fd = ::open(path, O_RDWR | O_NONBLOCK | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
-        if (fd < 0) {
-            if (errno != EAGAIN && errno != EINTR)
-                return kemo::fail(-1, ERR_OPEN_FAILED);
-        } else {
-            struct stat st {};
-            if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
-                ::close(fd);
-                return kemo::fail(-1, ERR_OPEN_FAILED);
-            }
-            if (::flock(fd, LOCK_EX | LOCK_NB) == 0)
-                return fd;
-            const int why = errno;
-            ::close(fd);
-            if (why != EWOULDBLOCK && why != EINTR)
-                return kemo::fail(-1, ERR_LOCK_FAILED);
-        }
-        // Busy: wait 200 ms while time is left.
-        sleep_ms(200);
-        *timeoutMs -= 200;
-        if (*timeoutMs < 0)
-            return kemo::fail(-2, ERR_LOCK_FAILED);
-    }
+    return kemo::locks::exclusive_file(path, timeoutMs, false);
 }
 
 KEMO_API int ReleaseExclusiveFileLock(int fd)

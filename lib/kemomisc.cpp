@@ -33,13 +33,6 @@ namespace {
 
 constexpr const char *defaults_conf = "/etc.defaults/kemoinfo.conf";
 
-void sleep_ms(long ms) noexcept
-{
-    timespec left{ms / 1000, (ms % 1000) * 1000000L};
-    while (::nanosleep(&left, &left) != 0 && errno == EINTR) {
-    }
-}
-
 // The leading unsigned decimal number of text (after blanks), if any.
 bool leading_number(std::string_view text, unsigned long long &value) noexcept
 {
@@ -138,6 +131,13 @@ bool fs_stat(const char *path, StatFs &fs, int line)
 } // namespace
 
 namespace kemo {
+
+void sleep_ms(long ms) noexcept
+{
+    timespec left{ms / 1000, (ms % 1000) * 1000000L};
+    while (::nanosleep(&left, &left) != 0 && errno == EINTR) {
+    }
+}
 
 // The processes whose "ps" line holds name (the search's own lines left
 // out): their ids go to pids (at most max), and their number is returned;

@@ -27,23 +27,30 @@
 //   kemoctl volume list|info|health|init|expand ...        data volumes
 //   kemoctl quota on|get|set|clear ...    users' space limits on the volumes
 //
+//   kemoctl shm create|show|put|get|delete ...   shared memory segments
+//   kemoctl op names|list|check|run ...   the registry of running operations
+//
 // Changes to a file are made under its lock: the file-sharing lock for
 // /usr/kemo/etc/smb.conf, the settings lock for every other file.  The
 // account and share commands leave locking to the library.
 //
 // Arguments and lines read from standard input may not hold CR, LF or NUL
 // (a usage error), and "--" ends a command's options, so that a name or
-// value starting with "-" is taken as given.  kemoctl runs no other program:
+// value starting with "-" is taken as given.  kemoctl runs no other program
+// but the command given to "op run" (executed directly, never by a shell):
 // caller text reaches only the library.
 //
 // Exit status: 0 on success, 1 when the library reports a failure (its error
-// name is printed on standard error), 2 on a usage error.
+// name is printed on standard error), 2 on a usage error; "op run" exits
+// with its command's status, or 75 when a running operation conflicts.
 //
 // The commands live by family: kemoctl_lists.cpp (list, setop, hash),
 // kemoctl_settings.cpp (get, set, unset, sections, section...),
-// kemoctl_accounts.cpp (user, group, share) and kemoctl_system.cpp (log,
-// backup, hostname).  This file holds main, the dispatch table, the library
-// commands (version, errors, error, help) and the helpers they all share.
+// kemoctl_accounts.cpp (user, group, share), kemoctl_system.cpp (log,
+// backup, hostname), kemoctl_storage.cpp and kemoctl_raid.cpp (disk, raid,
+// volume, quota) and kemoctl_ipc.cpp (shm, op).  This file holds main, the
+// dispatch table, the library commands (version, errors, error, help) and
+// the helpers they all share.
 #include "kemoctl.hpp"
 
 #include <algorithm>
@@ -303,6 +310,15 @@ constexpr Command kCommands[] = {
     {"quota get", "quota get USER VOLUME_ID", cmd_quota_get},
     {"quota set", "quota set USER VOLUME_ID MB   (0 removes the limit)", cmd_quota_set},
     {"quota clear", "quota clear USER...   (on every volume)", cmd_quota_clear},
+    {"shm create", "shm create FILE SIZE   (a private segment and semaphore, described by FILE)", cmd_shm_create},
+    {"shm show", "shm show FILE", cmd_shm_show},
+    {"shm put", "shm put FILE TEXT   (under the segment's semaphore)", cmd_shm_put},
+    {"shm get", "shm get FILE", cmd_shm_get},
+    {"shm delete", "shm delete FILE   (the segment, its semaphore and FILE)", cmd_shm_delete},
+    {"op names", "op names   (operation ids, names and categories)", cmd_op_names},
+    {"op list", "op list   (the running operations)", cmd_op_list},
+    {"op check", "op check NAME", cmd_op_check},
+    {"op run", "op run NAME [--wait MS] [--ignore-waits] -- COMMAND [ARG...]", cmd_op_run},
     {"help", "help", cmd_help},
 };
 

@@ -200,6 +200,17 @@ int cmd_backup_import(const Args &args);
 int cmd_backup_list(const Args &args);
 int cmd_hostname(const Args &args);
 
+// Shared memory segments and the operations registry (kemoctl_ipc.cpp).
+int cmd_shm_create(const Args &args);
+int cmd_shm_show(const Args &args);
+int cmd_shm_put(const Args &args);
+int cmd_shm_get(const Args &args);
+int cmd_shm_delete(const Args &args);
+int cmd_op_names(const Args &args);
+int cmd_op_list(const Args &args);
+int cmd_op_check(const Args &args);
+int cmd_op_run(const Args &args);
+
 // ---- Template definitions ----------------------------------------------------
 
 template <class Fill>

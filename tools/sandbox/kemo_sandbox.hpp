@@ -5,10 +5,11 @@
 // A process enters it for good: it gets a private mount namespace, an overlay
 // of the machine's root (writes land in a tmpfs upper layer), fresh tmpfs
 // mounts at /tmp, /run, /dev and /dev/shm, a read-only /sys, and the factory
-// tree copied in; then it is chrooted there. Nothing written inside reaches
-// the machine's own files. fresh() throws the current sandbox away and builds
-// a new one in a few milliseconds, so one test process can give every test
-// case its own.
+// tree copied in; then it is chrooted there. Each sandbox also has an IPC
+// namespace of its own, so no System V segment or semaphore outlives it.
+// Nothing written inside reaches the machine's own files. fresh() throws the
+// current sandbox away and builds a new one in a few milliseconds, so one
+// test process can give every test case its own.
 //
 // None of these functions throws. Functions that can fail return false and,
 // when `why` is not null, store one line that says what went wrong.

@@ -398,6 +398,12 @@ bool build_generation(std::string *why) {
         park();
         return fail_errno(why, "chroot " + root, error);
     }
+    // System V shared memory, semaphores and message queues of its own:
+    // the old sandbox's objects go with its namespace.
+    if (::unshare(CLONE_NEWIPC) != 0) {
+        const int error = errno;
+        return fail_errno(why, "the kernel refused a private IPC namespace", error);
+    }
     if (::chdir(g.cwd.c_str()) != 0 && ::chdir("/") != 0) {
         const int error = errno;
         return fail_errno(why, "chdir inside the sandbox", error);
@@ -507,7 +513,8 @@ std::string probe() {
             if (n > 0 && ::write(fds[1], message, static_cast<std::size_t>(n)) < 0) ::_exit(2);
             ::_exit(1);
         };
-        if (::unshare(CLONE_NEWNS | CLONE_NEWUTS) != 0) say("the kernel refused a private mount and host-name namespace");
+        if (::unshare(CLONE_NEWNS | CLONE_NEWUTS | CLONE_NEWIPC) != 0)
+            say("the kernel refused private mount, host-name and IPC namespaces");
         if (::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
             say("cannot make the mount tree private");
         if (::mount("kemo-sandbox-probe", kHolder, "tmpfs", 0, "mode=0700") != 0)
