@@ -136,23 +136,40 @@ bool plain_path(std::string_view path) noexcept
            kemo::fits_on_line(path);
 }
 
-// Writes the descriptor file of a new segment, private to its owner.
-bool write_descriptor(const char *path, const FileRecord &record) noexcept
+bool write_all(int fd, const FileRecord &record) noexcept
 {
-    kemo::Fd fd(kemo::open_for_caller(path, 0600));
-    if (fd.get() < 0)
-        return false;
     const auto *bytes = reinterpret_cast<const char *>(&record);
     std::size_t put = 0;
     while (put < sizeof record) {
-        const ssize_t n = ::write(fd.get(), bytes + put, sizeof record - put);
+        const ssize_t n = ::write(fd, bytes + put, sizeof record - put);
         if (n < 0 && errno == EINTR)
             continue;
         if (n <= 0)
             return false;
         put += static_cast<std::size_t>(n);
     }
-    return ::fsync(fd.get()) == 0 && fd.close();
+    return ::fsync(fd) == 0;
+}
+
+// Writes the descriptor file of a new segment, private to its owner.  A
+// file that could not be written whole is removed (while the name still
+// leads to it), so that no reader finds half a record.
+bool write_descriptor(const char *path, const FileRecord &record) noexcept
+{
+    kemo::Fd fd(kemo::open_for_caller(path, 0600));
+    if (fd.get() < 0)
+        return false;
+    struct stat written {};
+    const bool have_stat = ::fstat(fd.get(), &written) == 0;
+    if (write_all(fd.get(), record) && fd.close())
+        return true;
+    const int error = errno;
+    struct stat named {};
+    if (have_stat && ::lstat(path, &named) == 0 && named.st_dev == written.st_dev &&
+        named.st_ino == written.st_ino)
+        ::unlink(path);
+    errno = error;
+    return false;
 }
 
 } // namespace

@@ -123,16 +123,42 @@ int registration_failure(int id, const Registration &r, int wait_ms)
 
 volatile sig_atomic_t g_child = 0;
 
-void pass_on(int sig)
+// Passes a signal that another process sent to kemoctl on to the command.
+// One the terminal generated (Ctrl-C) reached the whole foreground process
+// group, the command included, and is not sent a second time.
+void pass_on(int sig, siginfo_t *info, void *)
 {
-    if (g_child > 0)
+    if (g_child > 0 && (info == nullptr || info->si_code <= 0))
         ::kill(static_cast<pid_t>(g_child), sig);
 }
 
 constexpr int passed_signals[] = {SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGUSR1, SIGUSR2};
 
-// Runs argv and waits for it; its status as a shell reports it.
-int run_and_wait(const Args &command)
+// Holds back the signals that would end kemoctl from before registration
+// until the command runs and they can be passed on: one that arrives in
+// between is delivered then, never lost, and never ends kemoctl while its
+// operation is registered and no command runs.
+class HeldSignals {
+public:
+    HeldSignals()
+    {
+        sigemptyset(&set_);
+        for (const int sig : passed_signals)
+            sigaddset(&set_, sig);
+        ::sigprocmask(SIG_BLOCK, &set_, &old_mask_);
+    }
+    ~HeldSignals() { ::sigprocmask(SIG_SETMASK, &old_mask_, nullptr); }
+    HeldSignals(const HeldSignals &) = delete;
+    HeldSignals &operator=(const HeldSignals &) = delete;
+    const sigset_t &old_mask() const { return old_mask_; }
+
+private:
+    sigset_t set_{}, old_mask_{};
+};
+
+// Runs argv and waits for it; its status as a shell reports it.  The
+// passed signals are held (HeldSignals) when this is called.
+int run_and_wait(const Args &command, const HeldSignals &held)
 {
     std::vector<std::string> owned(command.begin(), command.end());
     std::vector<char *> argv;
@@ -141,17 +167,18 @@ int run_and_wait(const Args &command)
     argv.push_back(nullptr);
 
     struct sigaction forward {}, old[std::size(passed_signals)]{};
-    forward.sa_handler = pass_on;
+    forward.sa_sigaction = pass_on;
+    forward.sa_flags = SA_SIGINFO;
     sigemptyset(&forward.sa_mask);
-    // Installed before the fork so that no signal slips between; the
-    // child puts the defaults back before it runs the command.
     for (std::size_t i = 0; i < std::size(passed_signals); ++i)
         ::sigaction(passed_signals[i], &forward, &old[i]);
     std::fflush(nullptr);
     const pid_t pid = ::fork();
     if (pid == 0) {
+        // The command starts with kemoctl's own dispositions and mask.
         for (std::size_t i = 0; i < std::size(passed_signals); ++i)
             ::sigaction(passed_signals[i], &old[i], nullptr);
+        ::sigprocmask(SIG_SETMASK, &held.old_mask(), nullptr);
         ::execvp(argv[0], argv.data());
         const int error = errno;
         std::fprintf(stderr, "kemoctl: cannot run %s: %s\n", argv[0], std::strerror(error));
@@ -160,16 +187,27 @@ int run_and_wait(const Args &command)
     int status = 0;
     if (pid > 0) {
         g_child = pid;
+        // Signals held so far reach the handler now, which passes them on.
+        sigset_t open = held.old_mask();
+        for (const int sig : passed_signals)
+            sigdelset(&open, sig);
+        ::sigprocmask(SIG_SETMASK, &open, nullptr);
         while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
         }
         g_child = 0;
     }
+    if (pid < 0)
+        std::fprintf(stderr, "kemoctl: cannot start %s: %s\n", argv[0], std::strerror(errno));
+    // Hold them again while the operation is unregistered.
+    sigset_t block;
+    sigemptyset(&block);
+    for (const int sig : passed_signals)
+        sigaddset(&block, sig);
+    ::sigprocmask(SIG_BLOCK, &block, nullptr);
     for (std::size_t i = 0; i < std::size(passed_signals); ++i)
         ::sigaction(passed_signals[i], &old[i], nullptr);
-    if (pid < 0) {
-        std::fprintf(stderr, "kemoctl: cannot start %s: %s\n", argv[0], std::strerror(errno));
+    if (pid < 0)
         return 126;
-    }
     return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
 }
 
@@ -328,12 +366,17 @@ int cmd_op_run(const Args &args)
             return usage_error("--wait takes milliseconds (at most a day)");
         wait_ms = static_cast<int>(*ms);
     }
-    const Registration r = register_op(*id, flags, wait_ms);
-    if (r.result != 0)
-        return registration_failure(*id, r, wait_ms);
-    const int status = run_and_wait(Args(dashes + 1, args.end()));
-    if (KEMOOperationUnregister(*id) != 0)
-        library_failure("unregistering " + name_of(*id));
+    int status = 0;
+    {
+        const HeldSignals held;
+        const Registration r = register_op(*id, flags, wait_ms);
+        if (r.result != 0)
+            return registration_failure(*id, r, wait_ms);
+        status = run_and_wait(Args(dashes + 1, args.end()), held);
+        if (KEMOOperationUnregister(*id) != 0)
+            library_failure("unregistering " + name_of(*id));
+    }
+    // A signal that came after the command ended takes effect now.
     return status;
 }
 

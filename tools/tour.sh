@@ -119,3 +119,35 @@ restore='kemoctl hostname; kemoctl backup import /tmp/tour.kbk 322; kemoctl host
 restore=$restore'kemoctl group show team; kemoctl group desc team; kemoctl share access photo robert; '
 restore=$restore'kemoctl log show 1 | tail -n 1'
 step kemo-sandbox --place /tmp/tour.kbk:/tmp/tour.kbk -- sh -exc "$restore"
+
+echo
+echo "== Operations and shared state: a text published through a segment, and the registry of running operations"
+step kemoctl shm create /tmp/tour.seg 4096
+step kemoctl shm put /tmp/tour.seg "volume1: resync 42%"
+step kemoctl shm get /tmp/tour.seg
+step kemoctl shm show /tmp/tour.seg
+step kemoctl shm delete /tmp/tour.seg
+# started NAME COMMAND...: runs an "op run" of NAME in the background, and
+# waits (5 s at most) until the registry lists it; its pid in $job.
+started() {
+    name=$1
+    shift
+    printf '\n$ %s &\n' "$(shown "$@")"
+    "$@" &
+    job=$! i=0
+    until kemoctl op list | grep -q " $name .*running" || [ $((i += 1)) -gt 50 ]; do sleep 0.1; done
+}
+started restore kemoctl op run restore -- sleep 60
+step kemoctl op list
+echo "(a restore refuses a host name change: exit 75, and nothing runs)"
+step kemoctl op run hostname -- hostname tour-nas2 || echo "exit $?"
+echo "(kemoctl passes SIGTERM to its command, and unregisters once it ended)"
+step kill "$job"
+wait "$job" || echo "restore ended with exit $?"
+step kemoctl op list
+echo "(a backup makes an account change wait; this one waits up to 3 s and then runs)"
+started backup kemoctl op run backup -- sleep 1
+step kemoctl op run account --wait 3000 -- echo "account changed after the backup"
+wait "$job"
+echo "(the first of $(kemoctl op names | wc -l) operations, with their categories:)"
+kemoctl op names | head -n 8
