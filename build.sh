@@ -25,7 +25,10 @@ packages=(
 guest_packages=(qemu-system-x86 linux-image-amd64 busybox-static mdadm e2fsprogs quota fdisk cpio kmod)
 # The fuzz targets are built with clang and its libFuzzer runtime; storage
 # tests run in the virtual appliance.
-test_packages=(clang libclang-rt-14-dev samba-common-bin "${guest_packages[@]}")
+# The daemons the tour and the tests meet: network namespaces and veth pairs
+# for discovery, the UPS tools with their dummy driver, the scheduler.
+peer_packages=(iproute2 nut-client nut-server cron tzdata)
+test_packages=(clang libclang-rt-14-dev samba-common-bin "${guest_packages[@]}" "${peer_packages[@]}")
 # The tools the benchmarks compare against.
 bench_packages=(augeas-tools crudini git fdisk)
 
@@ -78,7 +81,7 @@ deps)
     deps
     ;;
 demo)
-    deps
+    deps "${peer_packages[@]}"
     build build -DKEMO_BUILD_BENCH=OFF
     export KEMO_SANDBOX_EXPOSE="$top"
     exec build/tools/sandbox/kemo-sandbox -- env PATH="$top/build/tools:$top/build/tools/sandbox:$PATH" sh "$top/tools/tour.sh"

@@ -1368,6 +1368,165 @@ KEMO_API int ErrNetServiceStart(void);
 KEMO_API int KEMOWebService(int on);
 
 /* ------------------------------------------------------------------------ */
+/* Network interfaces and finding appliances                                 */
+/* ------------------------------------------------------------------------ */
+/* One network interface as the network settings see it. */
+typedef struct KEMONETCARD {
+    char szName[16];   /* interface name, "eth0" */
+    char szIP[16];     /* IPv4 address, dotted quad */
+    char szMask[16];   /* netmask, dotted quad */
+    char szMac[18];    /* hardware address "00:11:22:33:44:55", or "" */
+    uint32_t flags;    /* the interface's IFF_* flags */
+} KEMONETCARD;
+/* Fills card with interface index (0 = the first interface that is up, not
+ * loopback and has an IPv4 address, in the kernel's order; 1 the next...).
+ * flags: 0 (no other value is defined).  1, or -1 with ERR_BAD_PARAMETERS
+ * (null card, negative index, other flags) or ERR_DEV_UNCONFIG (no such
+ * interface). */
+KEMO_API int KEMONetGetCard1(int index, int flags, KEMONETCARD *card);
+
+/* The discovery packets, byte for byte in wire order, and their sizes. */
+#define FHOST_PORT 9999
+#define FHOST_HOST_LIST "/tmp/kemobx.list"
+#define FHOST_HOST_LIST_TMP "/tmp/kemobx.list.tmp"
+KEMO_API extern const unsigned char stFHOSTHeader[8];
+KEMO_API extern const unsigned char stFHOSTBroadCast[10];
+KEMO_API extern const unsigned char stFHOSTBroadCastV11[20];
+KEMO_API extern const unsigned char stFHOSTBroadCastZMP20[20];
+KEMO_API extern const int FHOSTHeaderSize;
+KEMO_API extern const int FHOSTBroadCastSize;
+KEMO_API extern const int FHOSTBroadCastSizeV11;
+KEMO_API extern const int FHOSTBroadCastSizeZMP20;
+
+/* Sends the query twice from interface 0 to 255.255.255.255:9999; 0 when
+ * either send worked, -1 when both failed. */
+KEMO_API int ErrFHOSTSendQueryPkt(void);
+/* Sends packet from interface 0's address.  0, or -1. */
+KEMO_API int ErrFHOSTSendBroadcastUdp(const void *packet, int length);
+/* Sends packet as one UDP broadcast to 255.255.255.255:9999 from
+ * localAddress (an IPv4 address in network order), port chosen by the
+ * system.  0, or -1. */
+KEMO_API int BroadcastUdpByInterface(const void *packet, int length, const uint32_t *localAddress);
+/* Refreshes the list of appliances found: starts the discovery daemon when
+ * it does not run, sends the query, waits 10 s for the answers, and moves
+ * the daemon's list to the snapshot the parser reads.  0, or -1. */
+KEMO_API int KEMOFHOSTDumpHost(void);
+/* Parses the snapshot into *hash: key "name(address)", value the address.
+ * The number of entries in the hash; 0 with ERR_OPEN_FAILED when there is no
+ * snapshot; -1.  The snapshot is deleted. */
+KEMO_API int KEMOFHOSTGet2Hash(PKLIBSZHASH *hash);
+
+/* Addresses of a raw UDP broadcast.  A zero source MAC means the
+ * interface's own, a zero destination MAC ff:ff:ff:ff:ff:ff.  Addresses in
+ * network order, ports in host order. */
+typedef struct KEMOUDPADDR {
+    uint8_t srcMac[6];
+    uint8_t dstMac[6];
+    uint32_t srcIp;
+    uint32_t dstIp;
+    uint16_t srcPort;
+    uint16_t dstPort;
+} KEMOUDPADDR;
+/* Sends payload as one UDP datagram in an Ethernet frame built by hand on
+ * the interface named (the raw link layer): IPv4 identification 242, TTL
+ * 64, checksums computed.  mode 0 or 1.  0, or -1 with ERR_BAD_PARAMETERS
+ * or ERR_UNKNOWN (the frame could not be built or sent whole). */
+KEMO_API int KEMONetSendUDPBroadCast(int mode, const KEMOUDPADDR *addr, const void *payload, int payloadLength,
+                                     const char *interfaceName);
+
+/* ------------------------------------------------------------------------ */
+/* Time zone, date and time server                                           */
+/* ------------------------------------------------------------------------ */
+#define KEMO_ZONE_DIR "/usr/share/zoneinfo/Timezone/"
+#define KEMO_RTC_DEVICE "/dev/kemobios"
+#define KEMO_RTC_SET 0xC0074B06u   /* read-write request 'K' 6, 7 bytes */
+
+/* Local date and time. */
+typedef struct KEMODATE {
+    int32_t year;    /* four digits */
+    int32_t month;   /* 1-12 */
+    int32_t day;
+    int32_t hour;    /* 0-23 */
+    int32_t minute;
+    int32_t second;
+} KEMODATE;
+/* The board clock's record, every byte packed decimal (BCD).  hour is in
+ * 12-hour form with 0x20 marking the afternoon: 0 -> 0x12, 1-11 as BCD,
+ * 12 -> 0x32, 13-23 -> BCD of hour + 8.  year: BCD of year - 2000 after
+ * 2000, else 0. */
+typedef struct KEMORTC {
+    uint8_t second;
+    uint8_t minute;
+    uint8_t hour;
+    uint8_t weekday;   /* 0 = Sunday */
+    uint8_t day;
+    uint8_t month;     /* 1-12 */
+    uint8_t year;
+} KEMORTC;
+/* Time-server settings. */
+typedef struct KEMONTP {
+    uint32_t enabled;            /* 1 = synchronise */
+    char szPeriod[10];           /* "daily", "weekly" or "monthly" */
+    char szServer[64];
+    char szServerBackup[64];
+} KEMONTP;
+
+/* The zone name ("timezone") by the two-call convention.  0, or -1. */
+KEMO_API int KEMOZoneGet(char *buffer, int size, int *needed);
+/* *flag = 1 when the hardware clock keeps UTC ("UTC" of
+ * /etc/sysconfig/clock is "true" in any case), else 0.  0, or -1. */
+KEMO_API int KEMOZoneIsDayLightSaving(int *flag);
+/* A zone's description from the zone table.  1 copied, 0 size query, -1. */
+KEMO_API int KEMOZoneDesc(const char *zone, char *buffer, int size, int *needed);
+/* Every zone name of the zone table, as a null-terminated array of text
+ * pointers at the buffer's start and the texts at its end.  The count, 0
+ * for a size query, or -1. */
+KEMO_API int KEMOZoneEnum(char **buffer, int size, int *needed);
+/* Makes zone the appliance's zone: the local-time file, "timezone", /etc/TZ
+ * and /etc/sysconfig/clock.  0, or -1. */
+KEMO_API int KEMOZoneSet(const char *zone);
+/* The current local date and time.  0, or -1. */
+KEMO_API int KEMODateGet(KEMODATE *date);
+/* Sets the system clock and then the board clock.  0, or -1 with
+ * ERR_BAD_PARAMETERS (an invalid date) or ERR_OP_FAILURE. */
+KEMO_API int KEMODateSet(const KEMODATE *date);
+/* Writes t (0: now) to the board clock as UTC.  0 (also when the board has
+ * no clock driver), -1 when t cannot be broken down. */
+KEMO_API int KEMORTCSet(int64_t t);
+/* The time-server settings.  1, or -1. */
+KEMO_API int KEMONtpGet(KEMONTP *ntp);
+/* Stores the time-server settings and its line in the scheduler's table.
+ * 1; -4 lock; -1 enabling or -3 disabling failed in the scheduler. */
+KEMO_API int KEMONtpSet(const KEMONTP *ntp);
+/* Replaces the system scheduler table's line that runs command with line,
+ * or removes it when line is NULL, and makes the scheduler reread its
+ * table.  0, or a negative value. */
+KEMO_API int KEMOUpdateCrontab(const char *command, const char *line);
+
+/* ------------------------------------------------------------------------ */
+/* UPS                                                                       */
+/* ------------------------------------------------------------------------ */
+#define KEMO_UPS_ONLINE 1
+#define KEMO_UPS_ON_BATTERY 2
+#define KEMO_UPS_BATTERY_LOW 3
+/* UPS settings and live state. */
+typedef struct KEMOUPS {
+    uint32_t enabled;     /* 1 when UPS support is on */
+    uint32_t waitTime;    /* minutes on battery before the shutdown timer fires */
+    char szMfr[128];
+    char szModel[128];
+    uint8_t status;       /* KEMO_UPS_*; unchanged when unknown */
+    int32_t load;         /* percent */
+    int32_t runtime;      /* remaining battery runtime, seconds */
+    int32_t charge;       /* battery charge, percent */
+} KEMOUPS;
+/* The settings and the UPS's live state (through upsc).  0, or -1. */
+KEMO_API int KEMOUPSInfoGet(KEMOUPS *ups);
+/* Stores enabled and wait time, rewrites the shutdown timer and restarts
+ * the UPS daemons.  0, or -1. */
+KEMO_API int KEMOUPSInfoSet(const KEMOUPS *ups);
+
+/* ------------------------------------------------------------------------ */
 /* Internal disks and RAID arrays                                            */
 /* ------------------------------------------------------------------------ */
 /* Disks are numbered 0..3 (/dev/sda../dev/sdd), partition indexes 0..3

@@ -319,6 +319,9 @@ constexpr Command kCommands[] = {
     {"op list", "op list   (the running operations)", cmd_op_list},
     {"op check", "op check NAME", cmd_op_check},
     {"op run", "op run NAME [--wait MS] [--ignore-waits] -- COMMAND [ARG...]", cmd_op_run},
+    {"find", "find [--list]   (refresh the appliances found on the network, then list them)", cmd_find},
+    {"time", "time show|set-date|zones|zone|ntp ...   ('kemoctl time' lists them)", cmd_time},
+    {"ups", "ups show|set ...   ('kemoctl ups' lists them)", cmd_ups},
     {"help", "help", cmd_help},
 };
 

@@ -211,6 +211,13 @@ int cmd_op_list(const Args &args);
 int cmd_op_check(const Args &args);
 int cmd_op_run(const Args &args);
 
+// Finding appliances, time settings and the UPS (kemoctl_find.cpp,
+// kemoctl_time.cpp, kemoctl_ups.cpp): each takes its subcommand as the
+// first argument.
+int cmd_find(const Args &args);
+int cmd_time(const Args &args);
+int cmd_ups(const Args &args);
+
 // ---- Template definitions ----------------------------------------------------
 
 template <class Fill>

@@ -1,0 +1,2 @@
+// Finding appliances on the network segment.
+#include "kemo_internal.hpp"

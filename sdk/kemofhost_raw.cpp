@@ -1,0 +1,2 @@
+// A UDP broadcast built by hand on the raw link layer.
+#include "kemo_internal.hpp"

@@ -1,0 +1,2 @@
+// The network interfaces as the network settings see them.
+#include "kemo_internal.hpp"

@@ -1,0 +1,2 @@
+// UPS settings and live state.
+#include "kemo_internal.hpp"

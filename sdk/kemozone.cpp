@@ -1,0 +1,2 @@
+// The time zone.
+#include "kemo_internal.hpp"

@@ -1,0 +1,2 @@
+// findhostd - the appliance discovery daemon.
+int main() { return 1; }
