@@ -1380,9 +1380,12 @@ typedef struct KEMONETCARD {
 } KEMONETCARD;
 /* Fills card with interface index (0 = the first interface that is up, not
  * loopback and has an IPv4 address, in the kernel's order; 1 the next...).
+ * An interface with several IPv4 addresses counts once, with its first.
+ * szMac is lower-case hex ("02:00:00:aa:bb:01"), "" when the interface has
+ * no 6-byte hardware address; flags are the IFF_* bits of <net/if.h>.
  * flags: 0 (no other value is defined).  1, or -1 with ERR_BAD_PARAMETERS
- * (null card, negative index, other flags) or ERR_DEV_UNCONFIG (no such
- * interface). */
+ * (null card, negative index, other flags), ERR_DEV_UNCONFIG (no such
+ * interface) or ERR_OP_FAILURE (the interfaces could not be listed). */
 KEMO_API int KEMONetGetCard1(int index, int flags, KEMONETCARD *card);
 
 /* The discovery packets, byte for byte in wire order, and their sizes. */
@@ -1401,19 +1404,26 @@ KEMO_API extern const int FHOSTBroadCastSizeZMP20;
 /* Sends the query twice from interface 0 to 255.255.255.255:9999; 0 when
  * either send worked, -1 when both failed. */
 KEMO_API int ErrFHOSTSendQueryPkt(void);
-/* Sends packet from interface 0's address.  0, or -1. */
+/* Sends packet from interface 0's address.  0, or -1 (ERR_BAD_PARAMETERS
+ * for a null packet or a length below 1). */
 KEMO_API int ErrFHOSTSendBroadcastUdp(const void *packet, int length);
 /* Sends packet as one UDP broadcast to 255.255.255.255:9999 from
  * localAddress (an IPv4 address in network order), port chosen by the
  * system.  0, or -1. */
 KEMO_API int BroadcastUdpByInterface(const void *packet, int length, const uint32_t *localAddress);
-/* Refreshes the list of appliances found: starts the discovery daemon when
- * it does not run, sends the query, waits 10 s for the answers, and moves
- * the daemon's list to the snapshot the parser reads.  0, or -1. */
+/* Refreshes the list of appliances found: starts the discovery daemon
+ * /usr/kemo/bin/findhostd when it does not run (waiting up to 3 s for its
+ * pid file), sends the query, waits 10 s for the answers, and moves the
+ * daemon's list to the snapshot the parser reads.  Blocks about 10 s; one
+ * refresh at a time.  0, or -1 (the daemon did not start, the query could
+ * not be sent, or there was no list to move). */
 KEMO_API int KEMOFHOSTDumpHost(void);
 /* Parses the snapshot into *hash: key "name(address)", value the address.
- * The number of entries in the hash; 0 with ERR_OPEN_FAILED when there is no
- * snapshot; -1.  The snapshot is deleted. */
+ * Lines "model,build,name,address[,...]": model 0 and builds below 240 are
+ * left out.  The number of entries in the hash; 0 with ERR_OPEN_FAILED when
+ * there is no snapshot (or it is not a regular file); -1 with
+ * ERR_BAD_PARAMETERS, or ERR_OUT_OF_MEMORY (also for a snapshot above
+ * 4 MiB).  The snapshot is deleted in every case. */
 KEMO_API int KEMOFHOSTGet2Hash(PKLIBSZHASH *hash);
 
 /* Addresses of a raw UDP broadcast.  A zero source MAC means the
@@ -1428,9 +1438,11 @@ typedef struct KEMOUDPADDR {
     uint16_t dstPort;
 } KEMOUDPADDR;
 /* Sends payload as one UDP datagram in an Ethernet frame built by hand on
- * the interface named (the raw link layer): IPv4 identification 242, TTL
- * 64, checksums computed.  mode 0 or 1.  0, or -1 with ERR_BAD_PARAMETERS
- * or ERR_UNKNOWN (the frame could not be built or sent whole). */
+ * the interface named (the raw link layer): IPv4 identification 242, don't
+ * fragment, TTL 64, checksums computed.  mode 0 or 1, which send alike.
+ * payloadLength 1..65507; the frame must fit the interface's MTU.  0, or
+ * -1 with ERR_BAD_PARAMETERS or ERR_UNKNOWN (no such interface, or the
+ * frame could not be built or sent whole). */
 KEMO_API int KEMONetSendUDPBroadCast(int mode, const KEMOUDPADDR *addr, const void *payload, int payloadLength,
                                      const char *interfaceName);
 
@@ -1479,16 +1491,23 @@ KEMO_API int KEMOZoneIsDayLightSaving(int *flag);
 /* A zone's description from the zone table.  1 copied, 0 size query, -1. */
 KEMO_API int KEMOZoneDesc(const char *zone, char *buffer, int size, int *needed);
 /* Every zone name of the zone table, as a null-terminated array of text
- * pointers at the buffer's start and the texts at its end.  The count, 0
- * for a size query, or -1. */
+ * pointers at the buffer's start and the texts at its end.  *needed: the
+ * names with one terminator each, one pointer per zone and the final null
+ * pointer.  The count, 0 for a size query, or -1. */
 KEMO_API int KEMOZoneEnum(char **buffer, int size, int *needed);
-/* Makes zone the appliance's zone: the local-time file, "timezone", /etc/TZ
- * and /etc/sysconfig/clock.  0, or -1. */
+/* Makes zone the appliance's zone: the local-time file (replaced by a copy
+ * of the zone file), "timezone", /etc/TZ (the zone's POSIX TZ string) and
+ * /etc/sysconfig/clock (its UTC flag kept).  zone is a name of the zone
+ * table: relative, without "..", of letters, digits and "/_+-".  0, or -1
+ * with ERR_BAD_PARAMETERS (refused or unknown zone), ERR_LOCK_FAILED,
+ * ERR_KEY_NOT_FOUND (not in the zone list) or a write error; nothing is
+ * changed unless the zone file and its list entry are there. */
 KEMO_API int KEMOZoneSet(const char *zone);
 /* The current local date and time.  0, or -1. */
 KEMO_API int KEMODateGet(KEMODATE *date);
 /* Sets the system clock and then the board clock.  0, or -1 with
- * ERR_BAD_PARAMETERS (an invalid date) or ERR_OP_FAILURE. */
+ * ERR_BAD_PARAMETERS (an invalid date) or ERR_OP_FAILURE (also for dates
+ * the kernel cannot keep: Linux stops in the year 2262). */
 KEMO_API int KEMODateSet(const KEMODATE *date);
 /* Writes t (0: now) to the board clock as UTC.  0 (also when the board has
  * no clock driver), -1 when t cannot be broken down. */
@@ -1496,19 +1515,31 @@ KEMO_API int KEMORTCSet(int64_t t);
 /* The time-server settings.  1, or -1. */
 KEMO_API int KEMONtpGet(KEMONTP *ntp);
 /* Stores the time-server settings and its line in the scheduler's table.
- * 1; -4 lock; -1 enabling or -3 disabling failed in the scheduler. */
+ * Server names are DNS host names or dotted IPv4 addresses (the server is
+ * required when enabling), the period a lower-case word; texts must end
+ * within their fields.  1; -4 lock; -1 enabling or -3 disabling failed in
+ * the scheduler, or a refused record (ERR_BAD_PARAMETERS). */
 KEMO_API int KEMONtpSet(const KEMONTP *ntp);
-/* Replaces the system scheduler table's line that runs command with line,
- * or removes it when line is NULL, and makes the scheduler reread its
- * table.  0, or a negative value. */
+/* Replaces the system scheduler table's line that runs command (its
+ * command field is command) with line, or removes it when line is NULL,
+ * and makes the scheduler reread its table (SIGHUP to a running cron; the
+ * table's new date is noticed within a minute too).  command holds no
+ * blank; line is one line.  0, or a negative value. */
 KEMO_API int KEMOUpdateCrontab(const char *command, const char *line);
 
 /* ------------------------------------------------------------------------ */
 /* UPS                                                                       */
 /* ------------------------------------------------------------------------ */
+/* The UPS is watched by the UPS daemons (driver and data server, started
+ * and stopped by "/usr/kemo/bin/ups.sh start|stop|restart"); these calls
+ * read their state and store the settings "ups_enabled" and "ups_wait_time"
+ * of /etc/kemoinfo.conf. */
 #define KEMO_UPS_ONLINE 1
 #define KEMO_UPS_ON_BATTERY 2
 #define KEMO_UPS_BATTERY_LOW 3
+/* The wait times KEMOUPSInfoSet accepts, in minutes (one minute to a day). */
+#define KEMO_UPS_WAIT_MIN 1
+#define KEMO_UPS_WAIT_MAX 1440
 /* UPS settings and live state. */
 typedef struct KEMOUPS {
     uint32_t enabled;     /* 1 when UPS support is on */
@@ -1520,10 +1551,28 @@ typedef struct KEMOUPS {
     int32_t runtime;      /* remaining battery runtime, seconds */
     int32_t charge;       /* battery charge, percent */
 } KEMOUPS;
-/* The settings and the UPS's live state (through upsc).  0, or -1. */
+/* The settings and the UPS's live state, as "upsc ups@localhost" reports
+ * it.  enabled is 1 only for ups_enabled="yes" (exactly so); waitTime is 0
+ * when ups_wait_time is not a decimal number.  status: battery low when the
+ * UPS's status flags hold LB, else on battery for OB, else on line for OL;
+ * left as it was for any other state (a UPS still starting up).  load,
+ * runtime and charge take the integer part of the reported number, 0 for
+ * one that is not a plain non-negative number.  Values a UPS does not
+ * report are left as they were; so is every live field while the UPS
+ * cannot be reached (UPS support off, daemons stopped): the call still
+ * returns 0 with the settings.  0, or -1 when a setting cannot be read
+ * (ERR_BAD_PARAMETERS for NULL). */
 KEMO_API int KEMOUPSInfoGet(KEMOUPS *ups);
-/* Stores enabled and wait time, rewrites the shutdown timer and restarts
- * the UPS daemons.  0, or -1. */
+/* Stores enabled and waitTime, sets the shutdown timer of the UPS
+ * scheduler's file /usr/kemo/etc/upssched.conf (its "AT ONBATT" lines
+ * become "AT ONBATT * START-TIMER on-batt <waitTime x 60>"; every other line
+ * is kept byte for byte, a file without such a line is left as it is) and
+ * restarts the UPS daemons, which start only when support is on.  A failed
+ * restart is logged and does not fail the call.  0, or -1:
+ * ERR_BAD_PARAMETERS for NULL or a waitTime outside KEMO_UPS_WAIT_MIN ..
+ * KEMO_UPS_WAIT_MAX, ERR_LOCK_FAILED when the settings stay locked for 5
+ * seconds, ERR_OPEN_FAILED when the timer file cannot be read (nothing is
+ * changed then), or the code of the write that failed. */
 KEMO_API int KEMOUPSInfoSet(const KEMOUPS *ups);
 
 /* ------------------------------------------------------------------------ */

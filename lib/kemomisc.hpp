@@ -68,8 +68,12 @@ enum class Output { first_line, all };
 
 // Runs command through popen and collects its output.  With first_line the
 // rest of the output is read and dropped, so the command is never killed
-// by a closed pipe and the status stays meaningful.
-ShellOutput shell_read(std::string_view command, Output what = Output::all);
+// by a closed pipe and the status stays meaningful.  With max_bytes, for a
+// command whose output another user could inflate, at most that many
+// bytes are read: the pipe is then closed early, and a command that writes
+// more is ended by SIGPIPE (its status says so).
+ShellOutput shell_read(std::string_view command, Output what = Output::all,
+                       std::size_t max_bytes = SIZE_MAX);
 
 // Runs a program without a shell.  argv[0] is the program's path and its
 // argv[0]; the list ends at its end or at its first null entry.  The child
@@ -99,6 +103,10 @@ int read_pid_file(const char *path);
 // that is alive.  false when it does not or kill fails.  Used instead of
 // "kill `cat file`", which would signal whatever text the file holds.
 bool signal_pid_file(const char *path, int sig);
+// The same, and only when the process's name (its /proc/<pid>/comm) is one
+// of names, so that a stale pid file whose number now belongs to another
+// program never gets it signalled.
+bool signal_pid_file(const char *path, int sig, std::initializer_list<std::string_view> names);
 
 // The processes whose "ps -awx" line holds name, the search's own lines
 // left out: their ids go to pids (at most max entries), and their number

@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -217,7 +218,7 @@ int exit_code(int status) noexcept
     return WEXITSTATUS(status);
 }
 
-ShellOutput shell_read(std::string_view command, Output what)
+ShellOutput shell_read(std::string_view command, Output what, std::size_t max_bytes)
 {
     ShellOutput result;
     if (command.find('\0') != std::string_view::npos) {
@@ -232,7 +233,8 @@ ShellOutput shell_read(std::string_view command, Output what)
     try {
         char buffer[4096];
         std::size_t n;
-        while ((n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0)
+        while (result.text.size() < max_bytes &&
+               (n = std::fread(buffer, 1, std::min(sizeof buffer, max_bytes - result.text.size()), pipe)) > 0)
             result.text.append(buffer, n);
     } catch (...) {
         ::pclose(pipe);
@@ -349,6 +351,29 @@ bool signal_pid_file(const char *path, int sig)
     if (pid <= 1 || ::kill(pid, 0) != 0)
         return false;
     return ::kill(pid, sig) == 0;
+}
+
+bool signal_pid_file(const char *path, int sig, std::initializer_list<std::string_view> names)
+{
+    const int pid = read_pid_file(path);
+    if (pid <= 1)
+        return false;
+    const std::string comm_path = "/proc/" + std::to_string(pid) + "/comm";
+    int fd;
+    do
+        fd = ::open(comm_path.c_str(), O_RDONLY | O_CLOEXEC);
+    while (fd < 0 && errno == EINTR);
+    if (fd < 0)
+        return false;
+    char text[32];
+    std::string_view comm(text, read_full(fd, text, sizeof text));
+    ::close(fd);
+    if (!comm.empty() && comm.back() == '\n')
+        comm.remove_suffix(1);
+    for (const std::string_view name : names)
+        if (comm == name)
+            return ::kill(pid, sig) == 0;
+    return false;
 }
 
 } // namespace kemo

@@ -144,10 +144,15 @@ std::optional<std::string> read_small_file(const char *path, std::size_t limit, 
     const bool cut = tail && static_cast<std::size_t>(st.st_size) > limit;
     if (cut && ::lseek(fd.get(), st.st_size - static_cast<off_t>(limit), SEEK_SET) < 0)
         return std::nullopt;
-    std::string text(limit, '\0');
+    // Room for what the file holds now (a file that grows meanwhile gets
+    // more, up to limit), so that a generous limit costs nothing.
+    const std::size_t now = static_cast<std::size_t>(st.st_size) + 1;
+    std::string text(cut || now > limit ? limit : now, '\0');
     std::size_t got = 0;
     while (got < limit) {
-        const ssize_t n = ::read(fd.get(), text.data() + got, limit - got);
+        if (got == text.size())
+            text.resize(std::min(limit, text.size() * 2));
+        const ssize_t n = ::read(fd.get(), text.data() + got, text.size() - got);
         if (n < 0 && errno == EINTR)
             continue;
         if (n < 0)
