@@ -2,8 +2,11 @@
 // library compiles in, so programs that build a sandbox need no data
 // directory at run time.
 //
-//   kemo-embed-factory FACTORY_DIR OUTPUT.cpp
+//   kemo-embed-factory FACTORY_DIR [GENERATED_DIR...] OUTPUT.cpp
 //
+// GENERATED_DIR trees (made by other build steps, such as the zone tables
+// of kemo-gen-zones) are laid over the factory tree by the same rules; a
+// path that two trees both hold is an error.
 // FACTORY_DIR mirrors the appliance's absolute paths (FACTORY_DIR/etc/passwd
 // is /etc/passwd). FACTORY_DIR/PERMISSIONS lists the entries whose mode or
 // owner differ from the default, one "path mode uid gid" a line; a path
@@ -20,6 +23,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <iterator>
 #include <map>
 #include <sstream>
 #include <stdexcept>
@@ -214,12 +218,23 @@ std::vector<Entry> collect(const fs::path &root) {
 }  // namespace
 
 int main(int argc, char **argv) {
-    if (argc != 3) {
-        std::cerr << "usage: kemo-embed-factory FACTORY_DIR OUTPUT.cpp\n";
+    if (argc < 3) {
+        std::cerr << "usage: kemo-embed-factory FACTORY_DIR [GENERATED_DIR...] OUTPUT.cpp\n";
         return 2;
     }
     try {
-        write_file(argv[2], generate(collect(argv[1])));
+        std::vector<Entry> entries;
+        for (int i = 1; i < argc - 1; ++i) {
+            std::vector<Entry> more = collect(argv[i]);
+            entries.insert(entries.end(), std::make_move_iterator(more.begin()),
+                           std::make_move_iterator(more.end()));
+        }
+        std::sort(entries.begin(), entries.end(),
+                  [](const Entry &a, const Entry &b) { return a.path < b.path; });
+        for (std::size_t i = 1; i < entries.size(); ++i)
+            if (entries[i].path == entries[i - 1].path)
+                die(entries[i].path + " is in more than one tree");
+        write_file(argv[argc - 1], generate(entries));
     } catch (const std::exception &e) {
         std::cerr << "kemo-embed-factory: " << e.what() << "\n";
         return 1;
