@@ -53,11 +53,17 @@ int show()
     std::snprintf(date, sizeof date, "%04d-%02d-%02d %02d:%02d:%02d", d.year, d.month, d.day, d.hour, d.minute,
                   d.second);
     field("date", date);
+    // A zone that was never set (or was removed) is shown as such: the
+    // rest of the settings are still worth seeing.
     const auto zone = two_call(KEMOZoneGet);
-    if (!zone)
+    if (zone) {
+        field("zone", *zone);
+        field("zone description", zone_desc(*zone).value_or("(not in the zone table)"));
+    } else if (KLIBErrGet() == ERR_KEY_NOT_FOUND) {
+        field("zone", "(not set)");
+    } else {
         return library_failure("reading the time zone");
-    field("zone", *zone);
-    field("zone description", zone_desc(*zone).value_or("(not in the zone table)"));
+    }
     int utc = 0;
     if (KEMOZoneIsDayLightSaving(&utc) != 0)
         return library_failure("reading the clock settings");

@@ -2,6 +2,13 @@
 # A short tour of libkemo through kemoctl, meant to run on a fresh factory
 # appliance (inside kemo-sandbox): every step prints the command it runs.
 set -e
+# The tour starts a daemon that listens (the UPS data server) and meets the
+# discovery protocol: it runs in a network namespace of its own with only a
+# loopback interface, so nothing of it reaches this machine's network.
+if [ -z "${KEMO_TOUR_PRIVATE_NET:-}" ]; then
+    export KEMO_TOUR_PRIVATE_NET=1 PATH="$PATH:/usr/sbin:/sbin"
+    exec unshare --net sh -c 'ip link set lo up && exec sh "$0"' "$0"
+fi
 # The command line as one would type it: words with blanks or shell
 # characters in single quotes.
 shown() {
@@ -121,6 +128,40 @@ restore=$restore'kemoctl log show 1 | tail -n 1'
 step kemo-sandbox --place /tmp/tour.kbk:/tmp/tour.kbk -- sh -exc "$restore"
 
 echo
+echo "== Time: the zone from the tz database, the date, and the time server in the scheduler's table"
+step kemoctl time show
+echo "(the first of $(kemoctl time zones | wc -l) zones, generated from this machine's tz database:)"
+kemoctl time zones | head -n 5
+step kemoctl time zone Asia/Kathmandu
+step kemoctl time zone
+step cat /etc/TZ /etc/sysconfig/clock
+step cmp /etc/localtime /usr/share/zoneinfo/Timezone/Asia/Kathmandu
+echo "(names outside the zone table are refused before anything changes)"
+step kemoctl time zone ../etc/passwd || echo "exit $?"
+echo "(the date is checked first; this clock is the machine's own, so only a refused date here)"
+step kemoctl time set-date 2100-02-29 12:00:00 || echo "exit $?"
+step kemoctl time ntp on --period weekly --server pool.ntp.org --backup time.nist.gov
+step grep ntpdate /etc/crontab
+echo "(an unknown period runs daily; the one line is replaced)"
+step kemoctl time ntp --period hourly
+step grep ntpdate /etc/crontab
+echo "(switching off removes the line and keeps the choices)"
+step kemoctl time ntp off
+step grep -c ntpdate /etc/crontab || echo "exit $?"
+step kemoctl time ntp
+step kemoctl time zone Greenwich
+
+echo
+echo "== Finding appliances on the network"
+echo "(kemoctl find broadcasts a query, waits 10 s for the answers the discovery"
+echo " daemons send, then lists them; here we read a list as the daemon leaves it,"
+echo " so that the tour sends nothing on this machine's network)"
+feed '410,262,nas-b,10.99.0.2,02:00:00:aa:bb:02\n0,300,broken,10.99.0.3,02:00:00:aa:bb:03\n410,239,old-firmware,10.99.0.4,02:00:00:aa:bb:04\n410,262,nas-c,10.99.0.5,02:00:00:aa:bb:05\n' tee /tmp/kemobx.list.tmp
+step kemoctl find --list
+echo "(model number 0 and builds below 240 are left out; the list is removed once read:)"
+step kemoctl find --list
+
+echo
 echo "== Operations and shared state: a text published through a segment, and the registry of running operations"
 step kemoctl shm create /tmp/tour.seg 4096
 step kemoctl shm put /tmp/tour.seg "volume1: resync 42%"
@@ -151,3 +192,26 @@ step kemoctl op run account --wait 3000 -- echo "account changed after the backu
 wait "$job"
 echo "(the first of $(kemoctl op names | wc -l) operations, with their categories:)"
 kemoctl op names | head -n 8
+
+echo
+echo "== The UPS: settings, the shutdown timer and the live state"
+echo "(the factory appliance has UPS support off: no daemons run, so the live state is unknown)"
+step kemoctl ups show
+echo "(for this tour a demonstration UPS: the dummy driver, which serves the variables of a file)"
+printf '[ups]\n\tdriver = dummy-ups\n\tport = /tmp/demo-ups.dev\n' > /usr/kemo/etc/ups.conf
+printf 'ups.mfr: Acme Power\nups.model: Guard 650\nups.status: OL CHRG\nups.load: 23.0\nbattery.runtime: 1200\nbattery.charge: 87\n' > /tmp/demo-ups.dev
+echo "(switching support on stores the settings, sets the timer in seconds and restarts the daemons)"
+step kemoctl ups set on --wait 10
+step grep -e ups_enabled -e ups_wait_time /etc/kemoinfo.conf
+step grep "AT ONBATT" /usr/kemo/etc/upssched.conf
+sleep 2
+step kemoctl ups show
+echo "(power fails: the UPS goes on battery, and its battery runs low; the driver rereads its file)"
+sed -i 's/^ups.status: .*/ups.status: OB LB/; s/^battery.charge: .*/battery.charge: 9/' /tmp/demo-ups.dev
+sleep 3
+step kemoctl ups show
+echo "(a wait time the timer cannot hold is refused)"
+step kemoctl ups set on --wait 100000 || true
+echo "(switching support off stops the daemons: the live state is unknown again)"
+step kemoctl ups set off
+step kemoctl ups show
