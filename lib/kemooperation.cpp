@@ -309,7 +309,13 @@ int register_op(int id, int flags, int *conflicts, int *count, int timeout_ms)
     return found.report(conflicts, count, capacity);
 }
 
-int unregister_op(int id)
+// Runs change(table, i) on the calling process's first entry of id, under
+// the lock (at most 2 s) and without making a segment.  0 changed; -2 with
+// ERR_OP_UNREGISTERED when there is no such entry (the code is set before
+// the search, so it stays set after a success too); -1 when the lock or the
+// segment cannot be had.
+template <class Change>
+int on_own_entry(int id, Change &&change)
 {
     const int fd = take_fixed_lock();
     if (fd < 0)
@@ -322,31 +328,25 @@ int unregister_op(int id)
     const int i = table->find(id, ::getpid());
     if (i < 0)
         return -2;
-    table->remove(i);
+    change(*table, i);
     return 0;
+}
+
+int unregister_op(int id)
+{
+    return on_own_entry(id, [](Table &table, int i) { table.remove(i); });
 }
 
 int transfer_op(int id, int pid)
 {
-    const auto failed = [](int line, int result) {
-        log("%s(%d) transfer error", "KEMOOperationTransfer", line);
-        return result;
-    };
+    int result = -1;
     if (pid <= 0 || !alive(pid))
-        return failed(__LINE__, fail(-1, ERR_BAD_PARAMETERS));
-    const int fd = take_fixed_lock();
-    if (fd < 0)
-        return failed(__LINE__, -1);
-    RegistryLock lock(fd);
-    std::optional<Table> table = Table::attach(false);
-    if (!table)
-        return failed(__LINE__, fail(-1, ERR_OUT_OF_MEMORY));
-    KLIBErrSet(ERR_OP_UNREGISTERED);
-    const int i = table->find(id, ::getpid());
-    if (i < 0)
-        return failed(__LINE__, -2);
-    table->put(i, {id, pid});
-    return 0;
+        result = fail(-1, ERR_BAD_PARAMETERS);
+    else
+        result = on_own_entry(id, [&](Table &table, int i) { table.put(i, {id, pid}); });
+    if (result != 0)
+        log("%s(%d) transfer error", "KEMOOperationTransfer", __LINE__);
+    return result;
 }
 
 int list_ops(KEMOOPENTRY *entries, int capacity)

@@ -4,18 +4,13 @@
 // against what the others recorded in shared memory, that nothing running
 // beside it should have kept it out, and that its entry is in the table.
 #include "kemo.h"
+#include "operation_util.hpp"
 #include "sandbox_fixture.hpp"
 
-#include <endian.h>
-#include <sys/file.h>
 #include <sys/mman.h>
-#include <sys/shm.h>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <cstdint>
-#include <cstdio>
 #include <new>
 #include <random>
 
@@ -33,37 +28,29 @@ constexpr int mix[] = {31, 1, 30, 7, 34, 20, 23, 0, 18, 8, 29};
 // A worker's record, one word so that a reader never sees half an update:
 // state, operation, flags, and the clock before its registration began and
 // after it succeeded.
-enum : uint64_t { idle = 0, running = 1, killed = 2 };
+enum : uint64_t { idle = 0, holding = 1, killed = 2 };
 struct Record {
-    uint64_t state;
-    int id, flags;
-    uint32_t start, end;
+    uint64_t state : 2, id : 6, flags : 2, start : 27, end : 27;
 };
-uint64_t pack(const Record &r)
-{
-    return r.state | uint64_t(r.id) << 2 | uint64_t(r.flags) << 8 | uint64_t(r.start) << 10 | uint64_t(r.end) << 37;
-}
-Record unpack(uint64_t v)
-{
-    return {v & 3, int(v >> 2 & 63), int(v >> 8 & 3), uint32_t(v >> 10 & 0x7FFFFFF), uint32_t(v >> 37)};
-}
+static_assert(std::atomic<Record>::is_always_lock_free, "shared between processes");
 
 struct Board {
-    std::atomic<uint64_t> record[workers];
+    std::atomic<Record> record[workers];
     std::atomic<uint32_t> clock;
     std::atomic<bool> go;
     std::atomic<int> registered, refused, waited, busy, full;
     std::atomic<int> violations, lost, overfull, odd;
-    std::atomic<uint64_t> first_violation[2]; // the two records
+    std::atomic<Record> first_violation[2];
 };
 
 const KEMOOPCATEGORY &row(int id) { return grgBOPack[grgIDMap[id].category]; }
 
-// May `second` (registered with flags) start while `first` runs?
-bool allowed(int first, int second, int flags)
+// May `second` (registered with its flags) start while `first` runs?
+bool allowed(const Record &first, const Record &second)
 {
-    const uint32_t bit = row(second).bit;
-    return (row(first).refuse & bit) == 0 && ((row(first).wait & bit) == 0 || (flags & KEMO_OP_IGNORE_WAIT) != 0);
+    const uint32_t bit = row(int(second.id)).bit;
+    const KEMOOPCATEGORY &r = row(int(first.id));
+    return (r.refuse & bit) == 0 && ((r.wait & bit) == 0 || (second.flags & KEMO_OP_IGNORE_WAIT) != 0);
 }
 
 // Two operations seen running at once: the one registered later saw the
@@ -71,27 +58,25 @@ bool allowed(int first, int second, int flags)
 // cannot tell which came first, either order will do.
 bool legal(const Record &me, const Record &other)
 {
-    const bool other_first = allowed(other.id, me.id, me.flags);
-    const bool me_first = allowed(me.id, other.id, other.flags);
     if (other.end < me.start)
-        return other_first;
+        return allowed(other, me);
     if (me.end < other.start)
-        return me_first;
-    return other_first || me_first;
+        return allowed(me, other);
+    return allowed(other, me) || allowed(me, other);
 }
 
 // The conflicts a refusal or wait reported are of the kind it claims.
-bool reported_right(int result, int id, const int *conflicts, int n)
+bool reported_right(const Outcome &o, int id)
 {
-    for (int i = 0; i < std::min(n, 16); ++i) {
-        if (conflicts[i] < 0 || conflicts[i] >= KEMO_OP_ID_COUNT)
+    const uint32_t bit = row(id).bit;
+    for (int i = 0; i < std::min(o.count, 16); ++i) {
+        if (o.conflicts[i] < 0 || o.conflicts[i] >= KEMO_OP_ID_COUNT)
             return false;
-        const KEMOOPCATEGORY &r = row(conflicts[i]);
-        const uint32_t bit = row(id).bit;
-        if (result == 1 ? (r.refuse & bit) == 0 : (r.wait & bit) == 0 || (r.refuse & bit) != 0)
+        const KEMOOPCATEGORY &r = row(o.conflicts[i]);
+        if (o.result == 1 ? (r.refuse & bit) == 0 : (r.wait & bit) == 0 || (r.refuse & bit) != 0)
             return false;
     }
-    return n >= 1;
+    return o.count >= 1;
 }
 
 [[noreturn]] void work(Board *board, int slot, int how_many, unsigned seed)
@@ -101,58 +86,40 @@ bool reported_right(int result, int id, const int *conflicts, int n)
     while (!board->go)
         ::usleep(1000);
     for (int round = 0; round < how_many; ++round) {
-        Record me{running, mix[rng() % std::size(mix)], rng() % 3 == 0 ? KEMO_OP_IGNORE_WAIT : 0, 0, 0};
+        Record me{holding, uint64_t(mix[rng() % std::size(mix)]), 0, 0, 0};
+        me.flags = rng() % 3 == 0 ? KEMO_OP_IGNORE_WAIT : 0;
         const int timeout = rng() % 2 == 0 ? 0 : 300;
-        int conflicts[16], n = 16;
         me.start = board->clock++;
-        const int result = KEMOOperationRegister(me.id, me.flags, conflicts, &n, timeout);
-        if (result == 1 || result == 2) {
-            ++(result == 1 ? board->refused : board->waited);
-            if (!reported_right(result, me.id, conflicts, n))
-                ++board->odd;
+        const Outcome o = reg(int(me.id), int(me.flags), timeout);
+        if (o.result == 1 || o.result == 2) {
+            ++(o.result == 1 ? board->refused : board->waited);
+            board->odd += !reported_right(o, int(me.id));
             continue;
         }
-        if (result != 0) {
-            const int error = KLIBErrGet();
-            ++(error == ERR_TIMER_EXPIRED ? board->busy : error == ERR_NOT_ENOUGH_SPACE ? board->full : board->odd);
+        if (o.result != 0) {
+            ++(o.error == ERR_TIMER_EXPIRED ? board->busy : o.error == ERR_NOT_ENOUGH_SPACE ? board->full : board->odd);
             continue;
         }
         me.end = board->clock++;
         ++board->registered;
-        const uint64_t mine = pack(me);
-        board->record[slot].store(mine);
+        board->record[slot].store(me);
         for (int j = 0; j < workers; ++j) {
-            const uint64_t v = board->record[j].load();
-            if (j == slot || unpack(v).state != running || legal(me, unpack(v)))
-                continue;
-            if (board->violations++ == 0) {
-                board->first_violation[0] = mine;
-                board->first_violation[1] = v;
-            }
+            const Record other = board->record[j].load();
+            if (j != slot && other.state == holding && !legal(me, other) && board->violations++ == 0)
+                board->first_violation[0] = me, board->first_violation[1] = other;
         }
-        // The table as the library leaves it, read under its lock.
-        const int lock = ::open(KEMO_OP_LOCK_PATH, O_RDWR | O_CLOEXEC);
-        const auto *table = static_cast<const uint32_t *>(::shmat(::shmget(KEMO_OP_KEY, 0, 0), nullptr, SHM_RDONLY));
-        if (lock < 0 || ::flock(lock, LOCK_EX) != 0 || table == reinterpret_cast<const uint32_t *>(-1))
-            ::_exit(3);
-        const uint32_t count = be32toh(table[0]);
-        bool found = false;
-        for (uint32_t i = 0; i < std::min<uint32_t>(count, 16); ++i)
-            found |= int(be32toh(table[1 + 2 * i])) == me.id && int(be32toh(table[2 + 2 * i])) == self;
-        ::shmdt(table);
-        ::close(lock);
-        if (count > 16)
-            ++board->overfull;
-        if (!found)
-            ++board->lost;
+        // The table as the library leaves it.
+        const Segment table = segment();
+        const Entries entries = table.entries();
+        board->overfull += table.words[0] > 16;
+        board->lost += std::find(entries.begin(), entries.end(), std::make_pair(int(me.id), self)) == entries.end();
         ::usleep(1000);
         // The parent may have marked us for killing: then wait for it.
-        uint64_t expected = mine;
-        if (!board->record[slot].compare_exchange_strong(expected, idle))
+        Record expected = me;
+        if (!board->record[slot].compare_exchange_strong(expected, Record{}))
             for (;;)
                 ::pause();
-        if (KEMOOperationUnregister(me.id) != 0)
-            ++board->lost;
+        board->lost += KEMOOperationUnregister(int(me.id)) != 0;
     }
     ::_exit(0);
 }
@@ -162,14 +129,12 @@ TEST_F(RegistryLoad, ConflictingOperationsNeverRunTogether)
     void *shared = ::mmap(nullptr, sizeof(Board), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     ASSERT_NE(shared, MAP_FAILED);
     Board *board = new (shared) Board{};
-    int ids[16], n = 16;
 
     pid_t pids[workers] = {};
     unsigned generation = 0;
     const auto spawn = [&](int slot, int how_many) {
         const unsigned seed = ++generation * 7919u + static_cast<unsigned>(slot);
-        pids[slot] = ::fork();
-        if (pids[slot] == 0)
+        if ((pids[slot] = ::fork()) == 0)
             work(board, slot, how_many, seed);
     };
     // All start at once: the first registrations also race to make the
@@ -187,35 +152,30 @@ TEST_F(RegistryLoad, ConflictingOperationsNeverRunTogether)
         const int from = static_cast<int>(rng() % workers);
         for (int k = 0; k < workers && int(killed_pids.size()) < kills_wanted; ++k) {
             const int slot = (from + k) % workers;
-            uint64_t v = board->record[slot].load();
-            if (pids[slot] <= 0 || unpack(v).state != running ||
-                !board->record[slot].compare_exchange_strong(v, (v & ~uint64_t{3}) | killed))
+            Record r = board->record[slot].load();
+            Record marked = r;
+            marked.state = killed;
+            if (pids[slot] <= 0 || r.state != holding || !board->record[slot].compare_exchange_strong(r, marked))
                 continue;
             ::kill(pids[slot], SIGKILL);
             ::waitpid(pids[slot], nullptr, 0);
-            board->record[slot] = idle;
+            board->record[slot] = Record{};
             killed_pids.push_back(pids[slot]);
             spawn(slot, rounds / 2);
             break;
         }
         int status = 0;
-        for (pid_t pid; (pid = ::waitpid(-1, &status, WNOHANG)) > 0;) {
-            for (pid_t &p : pids)
-                if (p == pid)
-                    p = 0;
-            --alive;
-            if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
-                ++bad_exits;
+        for (pid_t pid; (pid = ::waitpid(-1, &status, WNOHANG)) > 0; --alive) {
+            std::replace(std::begin(pids), std::end(pids), pid, 0);
+            bad_exits += !WIFEXITED(status) || WEXITSTATUS(status) != 0;
         }
     }
     for (pid_t p : pids)
-        if (p > 0) {
-            ::kill(p, SIGKILL);
+        if (p > 0 && ::kill(p, SIGKILL) == 0)
             ::waitpid(p, nullptr, 0);
-        }
     ASSERT_EQ(alive, 0) << "the workers did not finish in time";
 
-    const Record a = unpack(board->first_violation[0]), b = unpack(board->first_violation[1]);
+    const Record a = board->first_violation[0], b = board->first_violation[1];
     EXPECT_EQ(board->violations, 0) << "e.g. " << a.id << " (flags " << a.flags << ") beside " << b.id
                                     << " (flags " << b.flags << ")";
     EXPECT_EQ(board->lost, 0) << "entries missing from the table";
@@ -230,45 +190,23 @@ TEST_F(RegistryLoad, ConflictingOperationsNeverRunTogether)
                 board->full.load(), int(killed_pids.size()));
 
     // Only dead owners are left (three more, killed together, for sure);
-    // the next registration removes them all.
-    int ready[2];
-    ASSERT_EQ(::pipe(ready), 0);
-    pid_t last[3];
-    for (pid_t &pid : last) {
-        pid = ::fork();
-        if (pid == 0) {
-            n = 16;
-            const char got = KEMOOperationRegister(0, 0, ids, &n, 1000) == 0 ? 'y' : 'n';
-            if (::write(ready[1], &got, 1) == 1)
-                ::pause();
-            ::_exit(1);
-        }
-        char got = 'n';
-        EXPECT_EQ(::read(ready[0], &got, 1), 1);
-        EXPECT_EQ(got, 'y');
+    // every entry is a killed process's: none leaked from the others.
+    Child last[3] = {running(0), running(0), running(0)};
+    for (Child &c : last) {
+        EXPECT_TRUE(c.ready());
+        killed_pids.push_back(c.pid());
     }
-    for (pid_t pid : last) {
-        ::kill(pid, SIGKILL);
-        ::waitpid(pid, nullptr, 0);
-        killed_pids.push_back(pid);
-    }
-    ::close(ready[0]);
-    ::close(ready[1]);
-    // Every entry left is a killed process's: none leaked from the others.
-    KEMOOPENTRY entries[16];
-    const int dead = KEMOOperationEnum(entries, 16);
-    EXPECT_GE(dead, 3);
-    for (int i = 0; i < std::min(dead, 16); ++i)
-        EXPECT_NE(std::find(killed_pids.begin(), killed_pids.end(), entries[i].pid), killed_pids.end())
-            << "entry " << entries[i].id << " of pid " << entries[i].pid;
-    std::printf("dead entries left: %d\n", dead);
-    n = 16;
-    ASSERT_EQ(KEMOOperationRegister(0, 0, ids, &n, 0), 0);
-    ASSERT_EQ(KEMOOperationEnum(entries, 16), 1);
-    EXPECT_EQ(entries[0].id, 0);
-    EXPECT_EQ(entries[0].pid, ::getpid());
+    for (Child &c : last)
+        c.join(SIGKILL);
+    const Entries dead = segment().entries();
+    EXPECT_GE(dead.size(), 3u);
+    for (const auto &[id, pid] : dead)
+        EXPECT_NE(std::find(killed_pids.begin(), killed_pids.end(), pid), killed_pids.end()) << id << " of " << pid;
+    // The next registration removes them all.
+    ASSERT_EQ(reg(0).result, 0);
+    EXPECT_EQ(segment().entries(), (Entries{{0, ::getpid()}}));
     ASSERT_EQ(KEMOOperationUnregister(0), 0);
-    EXPECT_EQ(KEMOOperationEnum(entries, 16), 0);
+    EXPECT_EQ(KEMOOperationEnum(nullptr, 0), 0);
     ::munmap(shared, sizeof(Board));
 }
 
