@@ -136,7 +136,8 @@ TEST(FhostPackets, AnnouncementRoundTripAndMalformedPackets)
         EXPECT_FALSE(cut && n > 8 && n < bytes.size()) << n;
     }
     // Names that could add a field or a line, model 0, a wrong header.
-    for (const char *host : {"a,b", "a\nb", "", "a b", std::string(64, 'x').c_str()}) {
+    for (const std::string &host : {std::string("a,b"), std::string("a\nb"), std::string(), std::string("a b"),
+                                   std::string(64, 'x')}) {
         fhost::Announce bad = a;
         bad.host = host;
         const auto packet = fhost::announce_packet(bad);
