@@ -1,6 +1,7 @@
 // Line reader, twin writer and pair format shared by the file modules.
 #include "kemo_io.hpp"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <climits>
@@ -8,6 +9,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <new>
+#include <optional>
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -33,6 +35,45 @@ int open_for_caller(const char *path, mode_t mode)
     if (::ftruncate(out.get(), 0) != 0 || ::fchmod(out.get(), mode & 07777) != 0)
         return -1;
     return out.release();
+}
+
+std::optional<std::string> read_small_file(const char *path, std::size_t limit, bool tail)
+{
+    Fd fd(::open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (!fd)
+        return std::nullopt;
+    struct stat st {};
+    if (::fstat(fd.get(), &st) != 0)
+        return std::nullopt;
+    if (!S_ISREG(st.st_mode)) {
+        errno = EINVAL;
+        return std::nullopt;
+    }
+    const bool cut = tail && static_cast<std::size_t>(st.st_size) > limit;
+    if (cut && ::lseek(fd.get(), st.st_size - static_cast<off_t>(limit), SEEK_SET) < 0)
+        return std::nullopt;
+    // Room for what the file holds now (a file that grows meanwhile gets
+    // more, up to limit), so that a generous limit costs nothing.
+    const std::size_t now = static_cast<std::size_t>(st.st_size) + 1;
+    std::string text(cut || now > limit ? limit : now, '\0');
+    std::size_t got = 0;
+    while (got < limit) {
+        if (got == text.size())
+            text.resize(std::min(limit, text.size() * 2));
+        const ssize_t n = ::read(fd.get(), text.data() + got, text.size() - got);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0)
+            return std::nullopt;
+        if (n == 0)
+            break;
+        got += static_cast<std::size_t>(n);
+    }
+    text.resize(got);
+    // Read from the middle of a line: that line is not whole.
+    if (cut)
+        text.erase(0, std::min(text.size(), text.find('\n') + 1));
+    return text;
 }
 
 FilePtr open_file(const char *path, const char *mode)

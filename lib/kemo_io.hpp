@@ -12,6 +12,7 @@
 #include <memory>
 #include <sys/types.h>
 #include <utility>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -64,6 +65,14 @@ private:
 // a private file) is never written through.  -1 with errno set (EPERM for
 // a file that may not be reused, which is then left as it is).
 int open_for_caller(const char *path, mode_t mode);
+
+// The bytes of a file another process writes (under /tmp, or a sysfs
+// attribute): opened without following a symbolic link and without
+// blocking, read only when it is a regular file, at most limit bytes (with
+// tail: its last whole lines within limit bytes of its end).  nullopt
+// (errno set: ENOENT when absent, EINVAL when not a regular file) when it
+// cannot be had.
+std::optional<std::string> read_small_file(const char *path, std::size_t limit = 64 * 1024, bool tail = false);
 
 // fopen that retries on EINTR; null with errno set on failure.
 FilePtr open_file(const char *path, const char *mode);

@@ -55,13 +55,6 @@ int expansible(const char *device);
 int expand(const char *device);
 
 // ---- progress files ------------------------------------------------------------
-// The bytes of a file another process writes (under /tmp, or a sysfs
-// attribute): opened without following a symbolic link and without
-// blocking, read only when it is a regular file, at most limit bytes (with
-// tail: its last whole lines within limit bytes of its end).  nullopt
-// (errno set: ENOENT when absent, EINVAL when not a regular file) when it
-// cannot be had.
-std::optional<std::string> read_small_file(const char *path, std::size_t limit = 64 * 1024, bool tail = false);
 // The value of the first "key=value" line of text with that key (blanks
 // and one pair of quotes around it dropped), as the settings files hold it.
 std::optional<std::string> value_of(std::string_view text, std::string_view key);

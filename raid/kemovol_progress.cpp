@@ -129,45 +129,6 @@ std::optional<std::string> job_step(const char *path, int &err)
 
 } // namespace
 
-std::optional<std::string> read_small_file(const char *path, std::size_t limit, bool tail)
-{
-    Fd fd(::open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    if (!fd)
-        return std::nullopt;
-    struct stat st {};
-    if (::fstat(fd.get(), &st) != 0)
-        return std::nullopt;
-    if (!S_ISREG(st.st_mode)) {
-        errno = EINVAL;
-        return std::nullopt;
-    }
-    const bool cut = tail && static_cast<std::size_t>(st.st_size) > limit;
-    if (cut && ::lseek(fd.get(), st.st_size - static_cast<off_t>(limit), SEEK_SET) < 0)
-        return std::nullopt;
-    // Room for what the file holds now (a file that grows meanwhile gets
-    // more, up to limit), so that a generous limit costs nothing.
-    const std::size_t now = static_cast<std::size_t>(st.st_size) + 1;
-    std::string text(cut || now > limit ? limit : now, '\0');
-    std::size_t got = 0;
-    while (got < limit) {
-        if (got == text.size())
-            text.resize(std::min(limit, text.size() * 2));
-        const ssize_t n = ::read(fd.get(), text.data() + got, text.size() - got);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n < 0)
-            return std::nullopt;
-        if (n == 0)
-            break;
-        got += static_cast<std::size_t>(n);
-    }
-    text.resize(got);
-    // Read from the middle of a line: that line is not whole.
-    if (cut)
-        text.erase(0, std::min(text.size(), text.find('\n') + 1));
-    return text;
-}
-
 std::optional<std::string> value_of(std::string_view text, std::string_view key)
 {
     std::size_t pos = 0;

@@ -8,7 +8,6 @@
 #include "kemo_fhost.hpp"
 #include "kemo_internal.hpp"
 #include "kemo_io.hpp"
-#include "kemo_vol.hpp"
 #include "kemomisc.hpp"
 
 #include <arpa/inet.h>
@@ -182,7 +181,7 @@ int parse_host_list(std::string_view text, PKLIBSZHASH *hash)
 int snapshot_to_hash(PKLIBSZHASH *hash)
 {
     const char *function = "KEMOFHOSTGet2Hash";
-    const auto text = kemo::vol::read_small_file(FHOST_HOST_LIST_TMP, kMaxListBytes + 1);
+    const auto text = kemo::read_small_file(FHOST_HOST_LIST_TMP, kMaxListBytes + 1);
     ::unlink(FHOST_HOST_LIST_TMP);
     if (!text) {
         kemo::log("%s(%d): %s: fopen(SZF_HOST_LIST_TMP, \"r\") failed\n", __FILE__, __LINE__, function);

@@ -5,6 +5,7 @@
 // systems runs in the virtual appliance (test_vol_guest.cpp).
 #include "kemo.h"
 #include "kemo_text.hpp"
+#include "kemo_io.hpp"
 #include "kemo_vol.hpp"
 #include "sandbox_fixture.hpp"
 
@@ -218,14 +219,14 @@ TEST_F(Vol, SmallFilesAreReadOnlyWhenRegularAndBounded)
     write_file("/tmp/real", "5/10\n");
     ASSERT_EQ(::symlink("/tmp/real", "/tmp/link"), 0);
     ASSERT_EQ(::mkfifo("/tmp/fifo", 0666), 0);
-    EXPECT_EQ(vol::read_small_file("/tmp/real"), "5/10\n");
-    EXPECT_FALSE(vol::read_small_file("/tmp/link")) << "never through a link another user planted";
-    EXPECT_FALSE(vol::read_small_file("/tmp/fifo")) << "a FIFO must not block the reader";
-    EXPECT_FALSE(vol::read_small_file("/tmp"));
+    EXPECT_EQ(kemo::read_small_file("/tmp/real"), "5/10\n");
+    EXPECT_FALSE(kemo::read_small_file("/tmp/link")) << "never through a link another user planted";
+    EXPECT_FALSE(kemo::read_small_file("/tmp/fifo")) << "a FIFO must not block the reader";
+    EXPECT_FALSE(kemo::read_small_file("/tmp"));
     write_file("/tmp/big", std::string(100000, '7'));
-    EXPECT_EQ(vol::read_small_file("/tmp/big", 8), "77777777");
+    EXPECT_EQ(kemo::read_small_file("/tmp/big", 8), "77777777");
     write_file("/tmp/big", std::string(100000, 'x') + "\n1/9\n2/9\n");
-    EXPECT_EQ(vol::read_small_file("/tmp/big", 8, true), "2/9\n") << "the tail: whole lines only";
+    EXPECT_EQ(kemo::read_small_file("/tmp/big", 8, true), "2/9\n") << "the tail: whole lines only";
     EXPECT_EQ(vol::value_of("# STEP=X\nSTEP = \"MDSYNC\"\nSTEP=LATER\n", "STEP"), "MDSYNC");
     EXPECT_FALSE(vol::value_of("STEPS=1\n", "STEP"));
 }
