@@ -309,27 +309,37 @@ int register_op(int id, int flags, int *conflicts, int *count, int timeout_ms)
     return found.report(conflicts, count, capacity);
 }
 
-// Runs change(table, i) on the calling process's first entry of id, under
-// the lock (at most 2 s) and without making a segment.  0 changed; -2 with
-// ERR_OP_UNREGISTERED when there is no such entry (the code is set before
-// the search, so it stays set after a success too); -1 when the lock or the
-// segment cannot be had.
-template <class Change>
-int on_own_entry(int id, Change &&change)
+// Runs use(table) under the lock (at most 2 s) on the existing segment,
+// without making one; table is null when there is no usable segment (errno
+// says why).  use's result, or -1 when the lock cannot be had.
+template <class Use>
+int with_existing_table(Use &&use)
 {
     const int fd = take_fixed_lock();
     if (fd < 0)
         return -1;
     RegistryLock lock(fd);
     std::optional<Table> table = Table::attach(false);
-    if (!table)
-        return fail(-1, ERR_OUT_OF_MEMORY);
-    KLIBErrSet(ERR_OP_UNREGISTERED);
-    const int i = table->find(id, ::getpid());
-    if (i < 0)
-        return -2;
-    change(*table, i);
-    return 0;
+    return use(table ? &*table : nullptr);
+}
+
+// Runs change(table, i) on the calling process's first entry of id.  0
+// changed; -2 with ERR_OP_UNREGISTERED when there is no such entry (the
+// code is set before the search, so it stays set after a success too); -1
+// when the lock or the segment cannot be had.
+template <class Change>
+int on_own_entry(int id, Change &&change)
+{
+    return with_existing_table([&](Table *table) {
+        if (table == nullptr)
+            return fail(-1, ERR_OUT_OF_MEMORY);
+        KLIBErrSet(ERR_OP_UNREGISTERED);
+        const int i = table->find(id, ::getpid());
+        if (i < 0)
+            return -2;
+        change(*table, i);
+        return 0;
+    });
 }
 
 int unregister_op(int id)
@@ -353,17 +363,14 @@ int list_ops(KEMOOPENTRY *entries, int capacity)
 {
     if (capacity < 0 || (entries == nullptr && capacity > 0))
         return fail(-1, ERR_BAD_PARAMETERS);
-    const int fd = take_fixed_lock();
-    if (fd < 0)
-        return -1;
-    RegistryLock lock(fd);
-    std::optional<Table> table = Table::attach(false);
-    if (!table)
-        return errno == ENOENT ? 0 : fail(-1, ERR_OUT_OF_MEMORY);
-    const int n = table->size();
-    for (int i = 0; i < n && i < capacity; ++i)
-        entries[i] = table->at(i);
-    return n;
+    return with_existing_table([&](Table *table) {
+        if (table == nullptr)
+            return errno == ENOENT ? 0 : fail(-1, ERR_OUT_OF_MEMORY);
+        const int n = table->size();
+        for (int k = 0; k < n && k < capacity; ++k)
+            entries[k] = table->at(k);
+        return n;
+    });
 }
 
 } // namespace kemo::operations

@@ -16,6 +16,8 @@
 // devices) and manifest lines that name nothing are errors, so mistakes in
 // the tree fail the build instead of producing a wrong sandbox.
 
+#include "gen_util.hpp"
+
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -49,7 +51,8 @@ struct Entry {
     std::string content;
 };
 
-[[noreturn]] void die(const std::string &message) { throw std::runtime_error(message); }
+using kemo::gen::die;
+using kemo::gen::read_bytes;
 
 unsigned parse_number(const std::string &text, int base, unsigned limit, const std::string &where) {
     std::size_t used = 0;
@@ -86,14 +89,6 @@ std::map<std::string, Meta> read_manifest(const fs::path &file) {
         if (!manifest.emplace(path, meta).second) die(where + ": " + path + " is listed twice");
     }
     return manifest;
-}
-
-std::string read_bytes(const fs::path &file) {
-    std::ifstream in(file, std::ios::binary);
-    if (!in) die("cannot read " + file.string());
-    std::ostringstream out;
-    out << in.rdbuf();
-    return out.str();
 }
 
 // A C++ string literal of `data`, one source line per line of the file.

@@ -16,6 +16,8 @@
 // the POSIX footer, a table line that cannot be parsed, or any file that
 // cannot be read fails the build.
 
+#include "gen_util.hpp"
+
 #include <algorithm>
 #include <cctype>
 #include <cstdio>
@@ -32,15 +34,8 @@ namespace fs = std::filesystem;
 
 namespace {
 
-[[noreturn]] void die(const std::string &message) { throw std::runtime_error(message); }
-
-std::string read_bytes(const fs::path &file) {
-    std::ifstream in(file, std::ios::binary);
-    if (!in) die("cannot read " + file.string());
-    std::ostringstream out;
-    out << in.rdbuf();
-    return out.str();
-}
+using kemo::gen::die;
+using kemo::gen::read_bytes;
 
 // The tab-separated fields of the non-comment lines of a .tab file.
 std::vector<std::vector<std::string>> read_tab(const fs::path &file) {
