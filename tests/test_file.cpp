@@ -495,8 +495,12 @@ TEST_F(KeyFile, WritersWithoutTheLockNeverShareATwin)
     for (const int status : statuses)
         EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "every write succeeded";
     EXPECT_EQ(broken, 0) << "of " << checks << " reads, the file was empty or torn";
+    // Unlocked writers may lose updates, a key's whole history among them
+    // when one writer's last rewrite began before the other's first rename;
+    // they never lose or tear the file.
     const std::vector<std::string> lines = lines_of(path);
-    ASSERT_EQ(lines.size(), 3u) << read_file(path);
+    ASSERT_GE(lines.size(), 2u) << read_file(path);
+    ASSERT_LE(lines.size(), 3u) << read_file(path);
     EXPECT_EQ(lines[0], "# shared");
     // The last rename carried its writer's final value.
     const std::string last = std::to_string(rounds - 1);
