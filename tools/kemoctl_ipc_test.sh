@@ -64,7 +64,7 @@ expect 1 kemoctl shm get "$seg"
 expect 0 kemoctl op check account
 has out 'account may start'
 no_entries
-eval "kemoctl op run restore -- $(held restore 30) &"
+eval "kemoctl op run restore --wait 2000 -- $(held restore 30) &"
 restore=$!
 until_true test -s "$work/restore.pid"
 listed restore "$restore" running || fail "restore not listed as running: $(kemoctl op list)"
@@ -97,7 +97,7 @@ no_entries
 
 # ---- a backup makes an account change wait
 : > "$work/hold"
-kemoctl op run backup -- sh -c "echo \$\$ > $work/backup.pid; while [ -e $work/hold ]; do sleep 0.05; done" &
+kemoctl op run backup --wait 2000 -- sh -c "echo \$\$ > $work/backup.pid; while [ -e $work/hold ]; do sleep 0.05; done" &
 backup=$!
 until_true test -s "$work/backup.pid"
 expect 75 kemoctl op run account --wait 400 -- true
@@ -110,7 +110,7 @@ wait "$backup" || fail "backup ended with $?"
 no_entries
 
 # ---- a killed kemoctl leaves a dead entry until the next registration
-eval "kemoctl op run restore -- $(held killed 30) &"
+eval "kemoctl op run restore --wait 2000 -- $(held killed 30) &"
 killed=$!
 until_true test -s "$work/killed.pid"
 kill -KILL "$killed"

@@ -169,7 +169,9 @@ step kemoctl shm get /tmp/tour.seg
 step kemoctl shm show /tmp/tour.seg
 step kemoctl shm delete /tmp/tour.seg
 # started NAME COMMAND...: runs an "op run" of NAME in the background, and
-# waits (5 s at most) until the registry lists it; its pid in $job.
+# waits (5 s at most) until the registry lists it; its pid in $job.  (The
+# jobs get a --wait: the listing here holds the registry's lock now and
+# then, and a registration without a time-out tries the lock only once.)
 started() {
     name=$1
     shift
@@ -178,7 +180,7 @@ started() {
     job=$! i=0
     until kemoctl op list | grep -q " $name .*running" || [ $((i += 1)) -gt 50 ]; do sleep 0.1; done
 }
-started restore kemoctl op run restore -- sleep 60
+started restore kemoctl op run restore --wait 2000 -- sleep 60
 step kemoctl op list
 echo "(a restore refuses a host name change: exit 75, and nothing runs)"
 step kemoctl op run hostname -- hostname tour-nas2 || echo "exit $?"
@@ -187,7 +189,7 @@ step kill "$job"
 wait "$job" || echo "restore ended with exit $?"
 step kemoctl op list
 echo "(a backup makes an account change wait; this one waits up to 3 s and then runs)"
-started backup kemoctl op run backup -- sleep 1
+started backup kemoctl op run backup --wait 2000 -- sleep 1
 step kemoctl op run account --wait 3000 -- echo "account changed after the backup"
 wait "$job"
 echo "(the first of $(kemoctl op names | wc -l) operations, with their categories:)"
